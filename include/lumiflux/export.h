@@ -1,0 +1,9 @@
+#pragma once
+
+/**
+ * @file export.h
+ * Symbol visibility. The library is built with hidden visibility; only what
+ * carries LUMIFLUX_EXPORT is part of its binary interface.
+ */
+
+#define LUMIFLUX_EXPORT __attribute__((visibility("default")))

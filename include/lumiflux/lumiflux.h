@@ -1,0 +1,12 @@
+#pragma once
+
+/**
+ * @file lumiflux.h
+ * Everything an application or a plug-in needs.
+ */
+
+#include <lumiflux/export.h>
+#include <lumiflux/log.h>
+#include <lumiflux/plugin.h>
+#include <lumiflux/sysinfo.h>
+#include <lumiflux/types.h>

@@ -1,0 +1,194 @@
+// Logging: what reaches syslog, at which priority, in which form, for each
+// environment. Each environment runs in its own process (see CMakeLists.txt);
+// syslog() and openlog() are captured by the test program itself.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <regex>
+#include <sstream>
+#include <syslog.h>
+#include <thread>
+#include <vector>
+
+#include <lumiflux/log.h>
+
+#include "core/log_macros.h"
+#include "syslog_capture.h"
+
+using lumiflux_test::clearSyslog;
+using lumiflux_test::openlogCalls;
+using lumiflux_test::syslogRecords;
+using Tevara::Lumiflux::LogInit;
+using Tevara::Lumiflux::LogLevel;
+
+namespace {
+
+std::streambuf* const originalClogBuffer = std::clog.rdbuf();
+
+class LogTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        LogInit();
+        clearSyslog();
+    }
+};
+
+using LogSyslogOn = LogTest;
+using LogDebugOff = LogTest;
+using LogDebugOn = LogTest;
+using LogSyslogOff = LogTest;
+
+TEST_F(LogSyslogOn, InstallsOneBufferAndOpensSyslogOnceFromManyThreads)
+{
+    std::streambuf* installed = std::clog.rdbuf();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([] { LogInit(); });
+    for (auto& t : threads)
+        t.join();
+    LogInit();
+
+    EXPECT_NE(installed, originalClogBuffer);
+    EXPECT_EQ(std::clog.rdbuf(), installed);
+    const auto opens = openlogCalls();
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0].ident, "lumiflux");
+    EXPECT_EQ(opens[0].option, LOG_PID);
+    EXPECT_EQ(opens[0].facility, LOG_USER);
+}
+
+TEST_F(LogSyslogOn, ErrorMessageIsOneRecordAtErrPriorityWithTheFixedForm)
+{
+    LUMIFLUX_LOG(LogLevel::Error, "main ") << "cannot open plugin: "
+                                           << "reason" << std::endl;
+    const auto records = syslogRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].priority, LOG_ERR);
+    EXPECT_TRUE(std::regex_match(records[0].text, std::regex("main TestBody:[0-9]+ -- cannot open plugin: reason\n")))
+        << records[0].text;
+}
+
+TEST_F(LogDebugOff, InfoGoesOutAtInfoPriorityAndTheLevelResetsAfterEachRecord)
+{
+    std::clog << LogLevel::Info << "first" << std::endl;
+    std::clog << "second, no level" << std::endl;
+    const auto records = syslogRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].priority, LOG_INFO);
+    EXPECT_EQ(records[0].text, "first\n");
+}
+
+TEST_F(LogSyslogOn, EmbeddedNewlinesStayInOneRecordUntilTheFlush)
+{
+    std::clog << LogLevel::Error << "line one\nline two" << '\n' << std::flush;
+    const auto records = syslogRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].text, "line one\nline two\n");
+}
+
+TEST_F(LogDebugOff, EmptyFlushSendsNothingButResetsTheLevel)
+{
+    std::clog << LogLevel::Error << std::flush;
+    std::clog << "after the empty flush" << std::endl;
+    EXPECT_TRUE(syslogRecords().empty());
+}
+
+TEST_F(LogSyslogOn, UnknownLevelsAreKeptButSentAsDebugPriority)
+{
+    std::clog << LogLevel{5} << "odd level" << std::endl;
+    std::clog << LogLevel{-3} << "negative level" << std::endl;
+    const auto records = syslogRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].priority, LOG_DEBUG);
+    EXPECT_EQ(records[0].text, "odd level\n");
+}
+
+TEST_F(LogSyslogOn, InsertingALevelOnAnotherStreamIsHarmless)
+{
+    std::ostringstream stream;
+    std::ostream& result = stream << LogLevel::Error;
+    EXPECT_EQ(&result, &stream);
+    EXPECT_EQ(stream.str(), "");
+    stream << "text";
+    EXPECT_EQ(stream.str(), "text");
+    EXPECT_TRUE(syslogRecords().empty());
+}
+
+TEST_F(LogSyslogOn, ConcurrentWritersNeverCorruptTheBuffer)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 200; ++i)
+                std::clog << LogLevel::Error << "msg" << std::endl;
+        });
+    for (auto& t : threads)
+        t.join();
+    std::size_t tokens = 0;
+    for (const auto& r : syslogRecords())
+        for (std::size_t at = r.text.find("msg"); at != std::string::npos; at = r.text.find("msg", at + 1))
+            ++tokens;
+    // Records may interleave or lose text to another thread's level reset;
+    // the count can never exceed what was written.
+    EXPECT_GT(tokens, 0u);
+    EXPECT_LE(tokens, 1600u);
+}
+
+TEST_F(LogDebugOff, DebugAndDigitMessagesAreDropped)
+{
+    std::clog << "no level at all" << std::endl;
+    LUMIFLUX_LOG_DIGIT(2, "[lumiflux-player] ") << "Failed to change the state to PAUSED" << std::endl;
+    LUMIFLUX_LOG(LogLevel::Debug, "main ") << "debug" << std::endl;
+    EXPECT_TRUE(syslogRecords().empty());
+}
+
+TEST_F(LogDebugOff, TextBeforeALevelChangeIsDroppedAndTextAfterItKept)
+{
+    std::clog << "lost " << LogLevel::Error << "kept" << std::endl;
+    const auto records = syslogRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].text, "kept\n");
+}
+
+TEST_F(LogDebugOn, DigitMessageReachesSyslogAsDebugRecordStartingWithTheDigit)
+{
+    LUMIFLUX_LOG_DIGIT(2, "[lumiflux-player] ") << "Failed to change the state to PAUSED" << std::endl;
+    const auto records = syslogRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].priority, LOG_DEBUG);
+    EXPECT_TRUE(std::regex_match(records[0].text,
+                                 std::regex("2\\[lumiflux-player\\] TestBody:[0-9]+ -- Failed to change the state "
+                                            "to PAUSED\n")))
+        << records[0].text;
+}
+
+TEST_F(LogDebugOn, MessagesWithoutLevelAreKeptAtDebugPriority)
+{
+    std::clog << "plain" << std::endl;
+    const auto records = syslogRecords();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].priority, LOG_DEBUG);
+    EXPECT_EQ(records[0].text, "plain\n");
+}
+
+TEST_F(LogSyslogOff, NothingIsInstalledAndEverythingGoesToStandardError)
+{
+    EXPECT_EQ(std::clog.rdbuf(), originalClogBuffer);
+    EXPECT_TRUE(openlogCalls().empty());
+
+    testing::internal::CaptureStderr();
+    LUMIFLUX_LOG_DIGIT(0, "main ") << "debug digit" << std::endl;
+    LUMIFLUX_LOG(LogLevel::Error, "main ") << "error level" << std::endl;
+    std::clog << LogLevel::Debug << "debug level" << std::endl;
+    const std::string err = testing::internal::GetCapturedStderr();
+
+    EXPECT_TRUE(syslogRecords().empty());
+    EXPECT_TRUE(std::regex_search(err, std::regex("0main TestBody:[0-9]+ -- debug digit\n"))) << err;
+    EXPECT_TRUE(std::regex_search(err, std::regex("\nmain TestBody:[0-9]+ -- error level\n"))) << err;
+    EXPECT_NE(err.find("debug level\n"), std::string::npos) << err;
+}
+
+} // namespace

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs the build into a fresh prefix, then builds a module outside the
+# project twice (pkg-config alone; find_package) and has the installed tool
+# load each.
+set -euo pipefail
+build="$1"
+src="$2"
+work="$build/test-work/out-of-tree-$$"
+rm -rf "$work"
+mkdir -p "$work"
+trap 'rm -rf "$work"' EXIT
+prefix="$work/prefix"
+
+cmake --install "$build" --prefix "$prefix" > "$work/install.log"
+pc_dir=$(dirname "$(find "$prefix" -name lumiflux.pc | head -n1)")
+# The package file records the build's prefix; point it at the fresh one.
+sed -i "s|^prefix=.*|prefix=$prefix|" "$pc_dir/lumiflux.pc"
+
+mkdir -p "$work/by-pkgconfig"
+g++ -std=c++17 -shared -fPIC -o "$work/by-pkgconfig/hello.so" "$src/hello_module.cpp" \
+  $(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs lumiflux)
+
+cmake -S "$src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" > "$work/cmake.log"
+cmake --build "$work/cmake-build" > "$work/cmake-build.log"
+mkdir -p "$work/by-cmake"
+cp "$work/cmake-build/hello_module.so" "$work/by-cmake/"
+
+tool="$prefix/bin/lumiflux"
+for dir in "$work/by-pkgconfig" "$work/by-cmake"; do
+  out=$(LUMIFLUX_NO_SYSLOG=1 LUMIFLUX_PLUGIN_DIR="$dir" "$tool" --json plugins)
+  echo "$out"
+  echo "$out" | grep -q '"priority":42' || { echo "module in $dir was not loaded"; exit 1; }
+done
+echo "out-of-tree modules load"

@@ -1,0 +1,93 @@
+#include "syslog_capture.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <syslog.h>
+
+namespace lumiflux_test {
+namespace {
+std::mutex& lock()
+{
+    static std::mutex m;
+    return m;
+}
+std::vector<SyslogRecord>& records()
+{
+    static std::vector<SyslogRecord> r;
+    return r;
+}
+std::vector<OpenlogCall>& opens()
+{
+    static std::vector<OpenlogCall> o;
+    return o;
+}
+void record(int priority, const char* format, va_list args)
+{
+    va_list copy;
+    va_copy(copy, args);
+    const int size = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    std::string text(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
+    if (size > 0)
+        std::vsnprintf(text.data(), text.size() + 1, format, args);
+    std::lock_guard<std::mutex> guard(lock());
+    records().push_back({priority, text});
+}
+} // namespace
+
+std::vector<SyslogRecord> syslogRecords()
+{
+    std::lock_guard<std::mutex> guard(lock());
+    return records();
+}
+
+std::vector<OpenlogCall> openlogCalls()
+{
+    std::lock_guard<std::mutex> guard(lock());
+    return opens();
+}
+
+void clearSyslog()
+{
+    std::lock_guard<std::mutex> guard(lock());
+    records().clear();
+}
+
+std::vector<SyslogRecord> syslogRecordsContaining(const std::string& needle)
+{
+    std::vector<SyslogRecord> found;
+    for (const auto& r : syslogRecords())
+        if (r.text.find(needle) != std::string::npos)
+            found.push_back(r);
+    return found;
+}
+
+} // namespace lumiflux_test
+
+extern "C" {
+
+void openlog(const char* ident, int option, int facility)
+{
+    std::lock_guard<std::mutex> guard(lumiflux_test::lock());
+    lumiflux_test::opens().push_back({ident != nullptr ? ident : "", option, facility});
+}
+
+void syslog(int priority, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    lumiflux_test::record(priority, format, args);
+    va_end(args);
+}
+
+// The fortified spelling, in case a build turns _FORTIFY_SOURCE on.
+void __syslog_chk(int priority, int, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    lumiflux_test::record(priority, format, args);
+    va_end(args);
+}
+
+} // extern "C"

@@ -1,0 +1,35 @@
+#include "plugin_directory.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include <lumiflux/plugin.h>
+
+namespace lumiflux_tool {
+
+namespace fs = std::filesystem;
+
+std::string executableDirectory()
+{
+    std::error_code error;
+    const fs::path self = fs::read_symlink("/proc/self/exe", error);
+    return error ? std::string() : self.parent_path().string();
+}
+
+std::string selectPluginDirectory()
+{
+    if (std::getenv("LUMIFLUX_PLUGIN_DIR") == nullptr) {
+        std::error_code error;
+        const fs::path exeDir = executableDirectory();
+        const fs::path installed = exeDir.parent_path() / LUMIFLUX_INSTALLED_PLUGIN_DIR;
+        if (fs::equivalent(exeDir, LUMIFLUX_BUILD_TREE_TOOL_DIR, error))
+            setenv("LUMIFLUX_PLUGIN_DIR", LUMIFLUX_BUILD_TREE_PLUGIN_DIR, 1);
+        else if (fs::is_directory(installed, error))
+            setenv("LUMIFLUX_PLUGIN_DIR", installed.c_str(), 1);
+        // Otherwise the library's own default directory applies.
+    }
+    return Tevara::Lumiflux::PluginManager::pluginDirectory();
+}
+
+} // namespace lumiflux_tool
