@@ -7,6 +7,8 @@
 
 #include <lumiflux/export.h>
 #include <lumiflux/log.h>
+#include <lumiflux/media_info.h>
+#include <lumiflux/player.h>
 #include <lumiflux/plugin.h>
 #include <lumiflux/sysinfo.h>
 #include <lumiflux/types.h>
