@@ -194,7 +194,8 @@ TEST_F(GraphicBufferFactoryTest, FactoryKeepsNoBufferAlive)
 }
 
 // Many threads making buffers from one factory at once, each with its own
-// padded layout: every buffer and view must see its own strides.
+// padded layout: every buffer and view must see its own strides. Meanwhile
+// all of them map views of one shared buffer, which each view maps on its own.
 TEST(GraphicBufferFactoryThreads, ConcurrentCreationWithDifferentMetas)
 {
     gst_init(nullptr, nullptr);
@@ -215,6 +216,10 @@ TEST(GraphicBufferFactoryThreads, ConcurrentCreationWithDifferentMetas)
     const std::string firstRow(reinterpret_cast<const char*>(map.data), 128);
     gst_buffer_unmap(source.buffer.get(), &map);
 
+    Ref<GstBuffer> common = paddedCopy(source, 8);
+    ASSERT_TRUE(common);
+    std::shared_ptr<GraphicBuffer> shared = factory->create(common.get());
+
     std::atomic<int> failures{0};
     std::atomic<bool> go{false};
     std::vector<std::thread> workers;
@@ -233,6 +238,10 @@ TEST(GraphicBufferFactoryThreads, ConcurrentCreationWithDifferentMetas)
                     GST_VIDEO_INFO_PLANE_STRIDE(static_cast<GstFrame*>(frame.get())->info, 1) != stride ||
                     std::string(reinterpret_cast<const char*>(frame->planes[0].data), 128) != firstRow)
                     failures.fetch_add(1);
+                std::shared_ptr<YCbCrFrame> view = shared->mapYCbCr();
+                if (!view || view->yStride != 136 || view->cr != view->cb + 1 ||
+                    std::string(reinterpret_cast<const char*>(view->y), 128) != firstRow)
+                    failures.fetch_add(1);
             }
         });
     go.store(true);
@@ -240,6 +249,8 @@ TEST(GraphicBufferFactoryThreads, ConcurrentCreationWithDifferentMetas)
         worker.join();
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(GST_VIDEO_INFO_PLANE_STRIDE(&factory->info(), 0), 128);
+    shared.reset();
+    EXPECT_EQ(refCount(common.get()), 1);
     for (const Ref<GstBuffer>& buffer : buffers)
         EXPECT_EQ(refCount(buffer.get()), 1);
 }

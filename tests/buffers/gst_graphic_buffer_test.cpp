@@ -337,6 +337,14 @@ TEST_F(GstGraphicBufferTest, UnixReferenceTimestampBecomesPresentationTime)
     GstGraphicBuffer plain(ntp.get(), &ntpInfo);
     EXPECT_EQ(GST_BUFFER_PTS(ntp.get()), 33 * GST_MSECOND);
     EXPECT_EQ(plain.timestamp, 33000);
+
+    // No presentation time at all: unknown.
+    Ref<GstBuffer> untimed = Ref<GstBuffer>::adopt(gst_buffer_copy(source.buffer.get()));
+    GST_BUFFER_PTS(untimed.get()) = GST_CLOCK_TIME_NONE;
+    GstVideoInfo untimedInfo = source.info;
+    GstGraphicBuffer unknown(untimed.get(), &untimedInfo);
+    EXPECT_EQ(unknown.format, PixelFormat::YCbCrFlexible);
+    EXPECT_EQ(unknown.timestamp, -1);
 }
 
 TEST_F(GstGraphicBufferTest, EmptyBuffers)
