@@ -40,6 +40,26 @@ namespace lumiflux_test {
     return ::testing::AssertionSuccess();
 }
 
+SourceFrame patternFrame(GstVideoFormat format, int width, int height)
+{
+    SourceFrame frame;
+    gst_video_info_set_format(&frame.info, format, static_cast<guint>(width), static_cast<guint>(height));
+    frame.buffer = Ref<GstBuffer>::adopt(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&frame.info), nullptr));
+    GstMapInfo map;
+    if (gst_buffer_map(frame.buffer.get(), &map, GST_MAP_WRITE)) {
+        std::uint32_t state = 0x9E3779B9u; // xorshift32
+        for (gsize i = 0; i < map.size; ++i) {
+            state ^= state << 13;
+            state ^= state >> 17;
+            state ^= state << 5;
+            map.data[i] = static_cast<guint8>(state);
+        }
+        gst_buffer_unmap(frame.buffer.get(), &map);
+    }
+    GST_BUFFER_PTS(frame.buffer.get()) = GST_SECOND;
+    return frame;
+}
+
 int planeRowBytes(const GstVideoFrame& frame, int plane)
 {
     int bytes = 0;

@@ -30,6 +30,14 @@ struct SourceFrame {
 ::testing::AssertionResult pullFrame(const std::string& caps, SourceFrame* out);
 
 /**
+ * A frame of pseudo-random pixels in a plain GStreamer buffer, made without a
+ * pipeline. For the ThreadSanitizer scenario: pipeline teardown is
+ * synchronised inside GStreamer through GLib's futex-based locks, which the
+ * sanitizer cannot see, and reported in frames that carry no symbols.
+ */
+SourceFrame patternFrame(GstVideoFormat format, int width, int height);
+
+/**
  * A copy of `frame` in a fresh buffer whose rows are `padding` bytes longer
  * than needed on every plane, described by a GstVideoMeta. Same pixels and
  * presentation time.

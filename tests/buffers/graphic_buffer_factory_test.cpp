@@ -199,8 +199,7 @@ TEST_F(GraphicBufferFactoryTest, FactoryKeepsNoBufferAlive)
 TEST(GraphicBufferFactoryThreads, ConcurrentCreationWithDifferentMetas)
 {
     gst_init(nullptr, nullptr);
-    SourceFrame source;
-    ASSERT_TRUE(pullFrame("video/x-raw,format=NV12,width=128,height=96", &source));
+    SourceFrame source = patternFrame(GST_VIDEO_FORMAT_NV12, 128, 96);
     std::shared_ptr<GraphicBufferFactory> factory = GraphicBufferFactory::fromInfo(source.info);
     ASSERT_TRUE(factory);
 
