@@ -16,7 +16,7 @@ namespace Tevara::Lumiflux {
 
 /**
  * A planar view of a mapped frame. Only the planes that the layout named by
- * `fourcc` uses are meaningful; read the others never.
+ * `fourcc` uses carry meaning; go by `fourcc`, not by the other planes.
  */
 struct Frame {
     /** One plane of the frame. */

@@ -167,8 +167,18 @@ public:
     /** The factory's video information, as given; never changes. */
     const GstVideoInfo& info() const;
 
+    /**
+     * Whether `caps` describe the same video information as this factory, so
+     * that a producer can keep its factory until the caps change. False for
+     * null, unfixed or non-raw caps.
+     */
+    bool matches(const GstCaps* caps) const;
+
 private:
-    struct Key {};
+    // Only members can make a key: `{}` does not convert to it.
+    struct Key {
+        explicit Key() = default;
+    };
 
 public:
     /** Only for fromCaps() and fromInfo(), which hold the key. */

@@ -5,6 +5,15 @@
 
 namespace Tevara::Lumiflux {
 
+namespace {
+
+bool isFixedRawVideo(const GstCaps* caps)
+{
+    return caps && gst_caps_is_fixed(caps) && gst_structure_has_name(gst_caps_get_structure(caps, 0), "video/x-raw");
+}
+
+} // namespace
+
 std::shared_ptr<GraphicBufferFactory> GraphicBufferFactory::fromCaps(const GstCaps* caps)
 {
     if (!caps) {
@@ -18,8 +27,7 @@ std::shared_ptr<GraphicBufferFactory> GraphicBufferFactory::fromCaps(const GstCa
     GstVideoInfo info;
     gst_video_info_init(&info);
     // The parser also accepts encoded video caps (format ENCODED), which have no planes to map.
-    if (!gst_structure_has_name(gst_caps_get_structure(caps, 0), "video/x-raw") ||
-        !gst_video_info_from_caps(&info, caps)) {
+    if (!isFixedRawVideo(caps) || !gst_video_info_from_caps(&info, caps)) {
         LUMIFLUX_LOG(LogLevel::Error, "main ") << "caps are not raw video" << std::endl;
         return {};
     }
@@ -48,6 +56,14 @@ std::shared_ptr<GraphicBuffer> GraphicBufferFactory::create(GstBuffer* buffer, b
 const GstVideoInfo& GraphicBufferFactory::info() const
 {
     return videoInfo;
+}
+
+bool GraphicBufferFactory::matches(const GstCaps* caps) const
+{
+    GstVideoInfo other;
+    gst_video_info_init(&other);
+    return isFixedRawVideo(caps) && gst_video_info_from_caps(&other, caps) &&
+           gst_video_info_is_equal(&other, &videoInfo);
 }
 
 } // namespace Tevara::Lumiflux

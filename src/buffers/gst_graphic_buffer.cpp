@@ -37,6 +37,8 @@ GstGraphicBuffer::GstGraphicBuffer(GstBuffer* gstBuffer, GstVideoInfo* videoInfo
         buffer = gst_buffer_copy_deep(gstBuffer);
     else
         buffer = gst_buffer_ref(gstBuffer);
+    if (!buffer)
+        return; // the copy failed (memory that cannot be read): an empty buffer
     format = PixelFormat::YCbCrFlexible;
 
     if (GstVideoMeta* meta = gst_buffer_get_video_meta(buffer)) {

@@ -44,6 +44,14 @@ TEST_F(GraphicBufferFactoryTest, AcceptsOnlyFixedRawVideo)
     EXPECT_FALSE(GraphicBufferFactory::fromCaps(empty.get()));
     Ref<GstCaps> any = Ref<GstCaps>::adopt(gst_caps_new_any());
     EXPECT_FALSE(GraphicBufferFactory::fromCaps(any.get()));
+
+    // A producer keeps its factory while the caps stay the same.
+    EXPECT_TRUE(factory->matches(parseCaps(kI420).get()));
+    EXPECT_FALSE(factory->matches(parseCaps("video/x-raw,format=I420,width=320,height=240,framerate=25/1").get()));
+    EXPECT_FALSE(factory->matches(parseCaps("video/x-raw,format=NV12,width=320,height=240,framerate=30/1").get()));
+    EXPECT_FALSE(factory->matches(parseCaps("video/x-raw,format=I420,width=322,height=240,framerate=30/1").get()));
+    EXPECT_FALSE(factory->matches(any.get()));
+    EXPECT_FALSE(factory->matches(nullptr));
 }
 
 TEST_F(GraphicBufferFactoryTest, FromInfoKeepsItsOwnCopy)
