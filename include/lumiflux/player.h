@@ -19,12 +19,11 @@
 #include <vector>
 
 #include <lumiflux/export.h>
+#include <lumiflux/graphic_buffer.h>
 #include <lumiflux/media_info.h>
 #include <lumiflux/types.h>
 
 namespace Tevara::Lumiflux {
-
-class GraphicBuffer;
 
 /**
  * Receives what a player reports. The player calls it from its own thread and

@@ -133,6 +133,8 @@ struct Player::Impl {
     // hence the lock (held only to copy what a frame needs, never around a
     // call into the application).
     std::vector<std::shared_ptr<SinkEntry>> sinkEntries;
+    // Frames that arrive before any stream collection names their track.
+    std::shared_ptr<SinkEntry> unassignedSinkEntry = std::make_shared<SinkEntry>();
     std::atomic<int> currentVideoTrack{-1};
     std::mutex sinkMutex;
     // Written by the application without a lock, read by the hand-off; atomic

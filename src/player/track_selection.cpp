@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <set>
 #include <string>
 
@@ -89,7 +90,9 @@ void Player::Impl::onMediaInfoReady(MediaInfo& info)
         std::lock_guard<std::mutex> lock(mediaMutex);
         mediaInfo.takeTagsAndTracks(std::move(info));
         snapshot = mediaInfo;
-        trackCount = mediaInfo.tracks().size();
+        // Entries are indexed by track identifier, which is a stream position.
+        for (const auto& track : mediaInfo.tracks())
+            trackCount = std::max(trackCount, static_cast<size_t>(track.id()) + 1);
     }
     {
         std::lock_guard<std::mutex> lock(sinkMutex);
@@ -190,11 +193,11 @@ void Player::Impl::handleStreamsSelected(GstMessage* message)
                 continue;
             }
             const gchar* id = gst_stream_get_stream_id(stream.get());
-            for (size_t position = 0; id && position < streamIds.size(); ++position) {
-                if (streamIds[position] == id) {
-                    selected.push_back(static_cast<int>(position));
+            for (size_t index = 0; id && index < streamIds.size(); ++index) {
+                if (streamIds[index] == id) {
+                    selected.push_back(static_cast<int>(index));
                     if (video < 0 && (gst_stream_get_stream_type(stream.get()) & GST_STREAM_TYPE_VIDEO))
-                        video = static_cast<int>(position);
+                        video = static_cast<int>(index);
                     break;
                 }
             }
