@@ -2,9 +2,38 @@
 
 #include "core/glib_ref.h"
 #include "core/log_macros.h"
+#include "player/error_mapping.h"
 #include "player/player_impl.h"
 
 namespace Tevara::Lumiflux {
+
+namespace Internal {
+
+PlayerError playerErrorFromGError(const GError* error)
+{
+    if (!error)
+        return PlayerError::Unknown;
+    if (error->domain == GST_RESOURCE_ERROR) {
+        switch (error->code) {
+        case GST_RESOURCE_ERROR_NOT_FOUND:
+            return PlayerError::NotFound;
+        case GST_RESOURCE_ERROR_BUSY:
+            return PlayerError::ResourceBusy;
+        case GST_RESOURCE_ERROR_OPEN_READ:
+        case GST_RESOURCE_ERROR_READ:
+            return PlayerError::ReadFailed;
+        case GST_RESOURCE_ERROR_SEEK:
+            return PlayerError::SeekFailed;
+        default:
+            return PlayerError::ResourceFailed;
+        }
+    }
+    if (error->domain == GST_STREAM_ERROR)
+        return PlayerError::StreamFailed;
+    return PlayerError::Unknown;
+}
+
+} // namespace Internal
 
 namespace {
 
@@ -176,30 +205,7 @@ gboolean Player::Impl::positionSourceCallback(gpointer data)
 
 void Player::Impl::onError(const GError* error)
 {
-    PlayerError code = PlayerError::Unknown;
-    if (error->domain == GST_RESOURCE_ERROR) {
-        switch (error->code) {
-        case GST_RESOURCE_ERROR_NOT_FOUND:
-            code = PlayerError::NotFound;
-            break;
-        case GST_RESOURCE_ERROR_BUSY:
-            code = PlayerError::ResourceBusy;
-            break;
-        case GST_RESOURCE_ERROR_OPEN_READ:
-        case GST_RESOURCE_ERROR_READ:
-            code = PlayerError::ReadFailed;
-            break;
-        case GST_RESOURCE_ERROR_SEEK:
-            code = PlayerError::SeekFailed;
-            break;
-        default:
-            code = PlayerError::ResourceFailed;
-            break;
-        }
-    } else if (error->domain == GST_STREAM_ERROR) {
-        code = PlayerError::StreamFailed;
-    }
-    onError(code, error->message ? error->message : "");
+    onError(Internal::playerErrorFromGError(error), error->message ? error->message : "");
 }
 
 void Player::Impl::pause()

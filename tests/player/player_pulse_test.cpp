@@ -113,19 +113,19 @@ TEST(PlayerPulse, StreamCarriesMediaRoleAndMutes)
     player.setAutoRepeat(true);
 
     std::string out;
-    ASSERT_TRUE(waitForPactl(server, [](const std::string& o) { return o.find("media.role") != std::string::npos; },
-                             &out))
+    ASSERT_TRUE(waitForPactl(
+        server, [](const std::string& o) { return o.find("media.role") != std::string::npos; }, &out))
         << out;
     EXPECT_NE(out.find("media.role = \"x-tollan\""), std::string::npos) << out;
     EXPECT_NE(out.find("Mute: no"), std::string::npos) << out;
 
     player.setMute(true);
-    EXPECT_TRUE(waitForPactl(server, [](const std::string& o) { return o.find("Mute: yes") != std::string::npos; },
-                             &out))
+    EXPECT_TRUE(waitForPactl(
+        server, [](const std::string& o) { return o.find("Mute: yes") != std::string::npos; }, &out))
         << out;
     player.setMute(false);
-    EXPECT_TRUE(waitForPactl(server, [](const std::string& o) { return o.find("Mute: no") != std::string::npos; },
-                             &out))
+    EXPECT_TRUE(waitForPactl(
+        server, [](const std::string& o) { return o.find("Mute: no") != std::string::npos; }, &out))
         << out;
     EXPECT_TRUE(listener.snapshot(listener.errors).empty());
     player.setListener(nullptr);
