@@ -35,18 +35,6 @@ PlayerError playerErrorFromGError(const GError* error)
 
 } // namespace Internal
 
-namespace {
-
-void logGError(const char* kind, const char* detailsLabel, GstMessage* message, const GError* error, const gchar* debug)
-{
-    LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << kind << " from element " << GST_OBJECT_NAME(GST_MESSAGE_SRC(message)) << ": "
-                                      << error->message << " / domain: " << g_quark_to_string(error->domain)
-                                      << " / code: " << error->code << std::endl;
-    LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << detailsLabel << (debug ? debug : "") << std::endl;
-}
-
-} // namespace
-
 GstBusSyncReply Player::Impl::handleGstMessage(GstBus*, GstMessage* message, gpointer data)
 {
     auto* impl = static_cast<Impl*>(data);
@@ -59,7 +47,10 @@ GstBusSyncReply Player::Impl::handleGstMessage(GstBus*, GstMessage* message, gpo
             gst_message_parse_warning(message, &raw, &debug);
             Internal::Ref<GError> error = Internal::Ref<GError>::adopt(raw);
             g_autofree gchar* debugText = debug;
-            logGError("WARNING", "Warning details: ", message, error.get(), debugText);
+            LUMIFLUX_LOG_DIGIT(0, kPlayerLog)
+                << "WARNING from element " << GST_OBJECT_NAME(GST_MESSAGE_SRC(message)) << ": " << error->message
+                << " / domain: " << g_quark_to_string(error->domain) << " / code: " << error->code << std::endl;
+            LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Warning details: " << (debugText ? debugText : "") << std::endl;
             break;
         }
         case GST_MESSAGE_ERROR: {
@@ -68,7 +59,10 @@ GstBusSyncReply Player::Impl::handleGstMessage(GstBus*, GstMessage* message, gpo
             gst_message_parse_error(message, &raw, &debug);
             Internal::Ref<GError> error = Internal::Ref<GError>::adopt(raw);
             g_autofree gchar* debugText = debug;
-            logGError("ERROR", "Error details: ", message, error.get(), debugText);
+            LUMIFLUX_LOG_DIGIT(0, kPlayerLog)
+                << "ERROR from element " << GST_OBJECT_NAME(GST_MESSAGE_SRC(message)) << ": " << error->message
+                << " / domain: " << g_quark_to_string(error->domain) << " / code: " << error->code << std::endl;
+            LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Error details: " << (debugText ? debugText : "") << std::endl;
             impl->onError(error.get());
             break;
         }
