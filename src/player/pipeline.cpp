@@ -65,7 +65,10 @@ void Player::Impl::createPipeline(std::string&& uri, HttpHeaders&& headers)
     g_signal_connect(pipe, "deep-element-added", G_CALLBACK(&Impl::handleDeepElementAdded), this);
 
     // Video, audio and buffering; subtitles and software volume stay off.
-    g_object_set(pipe, "flags", 259, nullptr);
+    // A descriptor is local and gets no buffering: GStreamer 1.22's playbin3
+    // faults when an fd:// source with buffering is taken down.
+    const bool descriptor = startsWith(currentUri.c_str(), "fd://");
+    g_object_set(pipe, "flags", descriptor ? 3 : 259, nullptr);
 
     GstElement* audioSink = gst_element_factory_make("autoaudiosink", "audiosink");
     if (!audioSink) {

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # make_media.sh <output dir>: the media the player tests play, made by
 # GStreamer pipelines: a 3 s VP8 video with two Opus audio tracks tagged "en"
-# and "de" and a subtitle track (Matroska), a corrupt copy (its header
+# and "de" and a subtitle track tagged "fr" (Matroska), a corrupt copy (its header
 # overwritten) and a truncated copy (the first third).
 set -euo pipefail
 out="$1"
@@ -22,10 +22,11 @@ gst-launch-1.0 -q \
   filesrc location="$tmp/subtitles.srt" ! subparse ! taginject tags="language-code=fr" ! mux.subtitle_%u
 
 size=$(stat -c %s "$tmp/media.mkv")
-# Corrupt: the container header and the first clusters are garbage, so no
-# demuxer recognises the stream.
+# Corrupt: the container header and the first clusters are zeroed, so no
+# type finder recognises the stream (random bytes would sometimes look like
+# an elementary stream and decode as garbage instead of failing).
 cp "$tmp/media.mkv" "$tmp/corrupt.mkv"
-printf '\x5a\xa5\x3c\xc3%.0s' $(seq 2048) | dd of="$tmp/corrupt.mkv" bs=1 conv=notrunc status=none
+head -c 65536 /dev/zero | dd of="$tmp/corrupt.mkv" bs=1 conv=notrunc status=none
 # Truncated: a valid start that ends abruptly.
 head -c $((size / 3)) "$tmp/media.mkv" > "$tmp/truncated.mkv"
 
