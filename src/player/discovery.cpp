@@ -26,12 +26,21 @@ void Player::Impl::startAsyncDiscovery()
     }
     // Runs on the thread-default context, which is the player's.
     gst_discoverer_start(discoverer);
-    if (!gst_discoverer_discover_uri_async(discoverer, uri.c_str()))
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    if (gst_discoverer_discover_uri_async(discoverer, uri.c_str()))
+        ++pendingDiscoveries;
+    else
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Can't discover uri: " << uri << std::endl;
 }
 
 void Player::Impl::onDiscovered(GstDiscoverer*, GstDiscovererInfo* info, GError* error, Impl* impl)
 {
+    {
+        std::lock_guard<std::mutex> lock(impl->discoveryMutex);
+        if (impl->pendingDiscoveries > 0)
+            --impl->pendingDiscoveries;
+    }
+    impl->discoveryDone.notify_all();
     // Discovery only learns the duration early; playback never depends on it.
     if (error || !info)
         return;

@@ -39,7 +39,12 @@ Player::Impl::Impl()
 Player::Impl::~Impl()
 {
     if (discoverer) {
-        gst_discoverer_stop(discoverer);
+        // The player thread still runs and reports the discoveries under way
+        // (each ends within the discoverer's 5 s timeout).
+        {
+            std::unique_lock<std::mutex> lock(discoveryMutex);
+            discoveryDone.wait_for(lock, std::chrono::seconds(6), [this] { return pendingDiscoveries == 0; });
+        }
         g_object_unref(discoverer);
         discoverer = nullptr;
     }

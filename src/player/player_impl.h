@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -170,6 +171,13 @@ struct Player::Impl {
     std::atomic<GstElement*> httpSource{nullptr};
 
     GstDiscoverer* discoverer = nullptr;
+    // Discoveries queued and not yet reported. The destructor waits for them
+    // before releasing the discoverer: stopping one that is still processing
+    // can deadlock inside GStreamer (it changes its pipeline's state under a
+    // lock that the pipeline's own callbacks take).
+    int pendingDiscoveries = 0;
+    std::mutex discoveryMutex;
+    std::condition_variable discoveryDone;
 
     std::deque<Task> tasks;
     std::array<std::atomic<int>, Task::Last> taskTypeCounter{};

@@ -29,7 +29,9 @@ public:
             armed = false;
             blocked = true;
             gate.notify_all();
-            gate.wait(lock, [&] { return released; });
+            // Bounded, so that a failed assertion (which skips release())
+            // shows as a failure, not as a player thread stuck for ever.
+            gate.wait_for(lock, 2 * kTimeout, [&] { return released; });
         }
     }
     void arm()
@@ -79,6 +81,8 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeks)
     GateListener listener;
     Player player;
     player.setListener(&listener);
+    // Runs before the player's destructor joins its thread, however the test ends.
+    std::shared_ptr<void> releaseOnExit(nullptr, [&](void*) { listener.release(); });
     holdPlayerThread(player, listener);
     clearSyslog();
 
@@ -118,6 +122,7 @@ TEST(PlayerQueue, DestructionDropsQueuedTasks)
     GateListener listener;
     auto player = std::make_unique<Player>();
     player->setListener(&listener);
+    std::shared_ptr<void> releaseOnExit(nullptr, [&](void*) { listener.release(); });
     holdPlayerThread(*player, listener);
     clearSyslog();
 
