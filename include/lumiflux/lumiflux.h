@@ -5,8 +5,11 @@
  * Everything an application or a plug-in needs.
  */
 
+#include <lumiflux/codec.h>
+#include <lumiflux/codec_base.h>
 #include <lumiflux/export.h>
 #include <lumiflux/log.h>
+#include <lumiflux/parameters.h>
 #include <lumiflux/plugin.h>
 #include <lumiflux/sysinfo.h>
 #include <lumiflux/types.h>
