@@ -8,6 +8,8 @@
 #include <lumiflux/codec.h>
 #include <lumiflux/codec_base.h>
 #include <lumiflux/export.h>
+#include <lumiflux/graphic_buffer.h>
+#include <lumiflux/gst_graphic_buffer.h>
 #include <lumiflux/log.h>
 #include <lumiflux/parameters.h>
 #include <lumiflux/plugin.h>
