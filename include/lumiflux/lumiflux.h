@@ -6,7 +6,9 @@
  */
 
 #include <lumiflux/export.h>
+#include <lumiflux/h264_reader.h>
 #include <lumiflux/log.h>
 #include <lumiflux/plugin.h>
 #include <lumiflux/sysinfo.h>
 #include <lumiflux/types.h>
+#include <lumiflux/video_stream_parser.h>
