@@ -14,22 +14,22 @@ constexpr std::uint64_t maxCodedDimension = 32768;
 
 // Sample aspect ratios by aspect_ratio_idc 1..16 (Table E-1).
 constexpr std::array<std::array<unsigned, 2>, 17> sampleAspectRatios{{{0, 0},
-                                                                       {1, 1},
-                                                                       {12, 11},
-                                                                       {10, 11},
-                                                                       {16, 11},
-                                                                       {40, 33},
-                                                                       {24, 11},
-                                                                       {20, 11},
-                                                                       {32, 11},
-                                                                       {80, 33},
-                                                                       {18, 11},
-                                                                       {15, 11},
-                                                                       {64, 33},
-                                                                       {160, 99},
-                                                                       {4, 3},
-                                                                       {3, 2},
-                                                                       {2, 1}}};
+                                                                      {1, 1},
+                                                                      {12, 11},
+                                                                      {10, 11},
+                                                                      {16, 11},
+                                                                      {40, 33},
+                                                                      {24, 11},
+                                                                      {20, 11},
+                                                                      {32, 11},
+                                                                      {80, 33},
+                                                                      {18, 11},
+                                                                      {15, 11},
+                                                                      {64, 33},
+                                                                      {160, 99},
+                                                                      {4, 3},
+                                                                      {3, 2},
+                                                                      {2, 1}}};
 
 bool hasChromaFields(int profileIdc)
 {
@@ -58,7 +58,8 @@ bool inRange(const char* what, std::uint64_t value, std::uint64_t maximum, std::
 {
     if (value <= maximum)
         return true;
-    error = std::string("SPS ") + what + " is " + std::to_string(value) + ", out of range 0.." + std::to_string(maximum);
+    error =
+        std::string("SPS ") + what + " is " + std::to_string(value) + ", out of range 0.." + std::to_string(maximum);
     return false;
 }
 
@@ -95,8 +96,8 @@ bool parseVui(RbspReader& bits, SequenceParameterSet& sps, std::string& error)
             sps.sarHeight = sampleAspectRatios[idc][1];
         }
     }
-    if (bits.flag())  // overscan_info_present_flag
-        bits.skip(1); // overscan_appropriate_flag
+    if (bits.flag())   // overscan_info_present_flag
+        bits.skip(1);  // overscan_appropriate_flag
     if (bits.flag()) { // video_signal_type_present_flag
         bits.skip(4);  // video_format, video_full_range_flag
         if (bits.flag())
@@ -215,7 +216,7 @@ SequenceParameterSet parseSequenceParameterSet(const std::vector<std::uint8_t>& 
     sps.heightInMapUnits = static_cast<unsigned>(heightInMapUnits);
     if (!sps.frameMbsOnly)
         sps.mbAdaptiveFrameField = bits.flag();
-    bits.skip(1); // direct_8x8_inference_flag
+    bits.skip(1);      // direct_8x8_inference_flag
     if (bits.flag()) { // frame_cropping_flag
         const std::uint64_t left = bits.ue(), right = bits.ue(), top = bits.ue(), bottom = bits.ue();
         // Crop offsets count in chroma samples, and in field lines for field coding.

@@ -29,7 +29,8 @@ public:
         while (last > 0 && bytes[last - 1] == 0)
             --last;
         if (last > 0)
-            stopBit = (static_cast<std::uint64_t>(last) - 1) * 8 + 7 - static_cast<unsigned>(__builtin_ctz(bytes[last - 1]));
+            stopBit =
+                (static_cast<std::uint64_t>(last) - 1) * 8 + 7 - static_cast<unsigned>(__builtin_ctz(bytes[last - 1]));
     }
 
     /** The next n bits (0..32), most significant first. */

@@ -71,8 +71,8 @@ StartCodeScan scanWithMemchr(const std::uint8_t* data, std::size_t position, std
 
 // Each 64-byte block becomes a mask of its 0x01 bytes; the hits are walked
 // bit by bit, so a block is loaded once however many 0x01 bytes it holds.
-__attribute__((target("avx2"))) StartCodeScan scanAvx2(const std::uint8_t* data, std::size_t position,
-                                                       std::size_t size, RunState& state, int& zeroCount)
+__attribute__((target("avx2"))) StartCodeScan scanAvx2(const std::uint8_t* data, std::size_t position, std::size_t size,
+                                                       RunState& state, int& zeroCount)
 {
     const __m256i ones = _mm256_set1_epi8(1);
     while (size - position >= 64) {
@@ -104,8 +104,9 @@ StartCodeScan scanSse2(const std::uint8_t* data, std::size_t position, std::size
         std::uint64_t mask = 0;
         for (int part = 0; part < 4; ++part) {
             const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + position + 16 * part));
-            mask |= static_cast<std::uint64_t>(static_cast<std::uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, ones))))
-                    << (16 * part);
+            mask |=
+                static_cast<std::uint64_t>(static_cast<std::uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, ones))))
+                << (16 * part);
         }
         while (mask != 0) {
             const std::size_t one = position + static_cast<std::size_t>(__builtin_ctzll(mask));

@@ -286,9 +286,8 @@ struct VideoStreamParser::Impl {
         for (std::size_t i = 0; i < sps.size(); ++i)
             sps[i] = spsTable[i].get();
         std::string problem;
-        const SliceHeader slice =
-            Internal::parseSliceHeader(Internal::unescapeRbsp(nal, nalSize, sliceHeaderBytes), pps.data(), sps.data(),
-                                       problem);
+        const SliceHeader slice = Internal::parseSliceHeader(Internal::unescapeRbsp(nal, nalSize, sliceHeaderBytes),
+                                                             pps.data(), sps.data(), problem);
         const bool known = problem.empty();
         const bool setsKnown =
             slice.ppsId <= 255 && pps[slice.ppsId] != nullptr && sps[pps[slice.ppsId]->spsId] != nullptr;
@@ -369,8 +368,7 @@ struct VideoStreamParser::Impl {
     std::unique_ptr<SequenceParameterSet> firstSps;
 };
 
-VideoStreamParser::VideoStreamParser(const VideoStreamParserSettings& settings)
-    : impl(std::make_unique<Impl>(settings))
+VideoStreamParser::VideoStreamParser(const VideoStreamParserSettings& settings) : impl(std::make_unique<Impl>(settings))
 {
 }
 

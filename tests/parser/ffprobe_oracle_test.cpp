@@ -67,8 +67,8 @@ std::vector<EncodeCase> cases()
 std::string encode(const EncodeCase& c, const std::string& dir)
 {
     const std::string out = dir + "/" + c.name + ".264";
-    const std::string source = "ffmpeg -nostdin -v error -f lavfi -i testsrc=size=" + c.size +
-                               ":rate=25 -frames:v " + std::to_string(c.frames) + " -pix_fmt " + c.pixelFormat;
+    const std::string source = "ffmpeg -nostdin -v error -f lavfi -i testsrc=size=" + c.size + ":rate=25 -frames:v " +
+                               std::to_string(c.frames) + " -pix_fmt " + c.pixelFormat;
     std::string command;
     if (c.encoder == "x264")
         command = source + " -f yuv4mpegpipe - | x264 --quiet --preset ultrafast --keyint 3 --min-keyint 3 " +
@@ -110,9 +110,9 @@ std::map<std::string, std::string> probeStream(const std::string& file)
 std::vector<std::size_t> probeKeyPackets(const std::string& file, std::size_t* packets)
 {
     std::string text;
-    EXPECT_EQ(runCommand("ffprobe -v error -select_streams v:0 -show_entries packet=flags -of csv=p=0 '" + file + "'",
-                         &text),
-              0);
+    EXPECT_EQ(
+        runCommand("ffprobe -v error -select_streams v:0 -show_entries packet=flags -of csv=p=0 '" + file + "'", &text),
+        0);
     std::vector<std::size_t> keys;
     std::istringstream lines(text);
     std::string line;
