@@ -245,3 +245,108 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
 
 INSTANTIATE_TEST_SUITE_P(Streams, FfprobeOracle, ::testing::ValuesIn(cases()),
                          [](const ::testing::TestParamInfo<EncodeCase>& param) { return param.param.name; });
+
+#include "bit_writer.h"
+
+namespace {
+
+std::vector<std::uint8_t> unescape(const std::uint8_t* nal, std::size_t size)
+{
+    std::vector<std::uint8_t> out;
+    int zeros = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (zeros >= 2 && nal[i] == 3) {
+            zeros = 0;
+            continue;
+        }
+        zeros = nal[i] == 0 ? zeros + 1 : 0;
+        out.push_back(nal[i]);
+    }
+    return out;
+}
+
+// The encoder's high-profile SPS with seq_scaling_matrix_present_flag set and
+// scaling lists inserted after it; every other field is kept as it was.
+std::vector<std::uint8_t> withScalingLists(const std::vector<std::uint8_t>& rbsp)
+{
+    // header 8, profile/constraints/level 24, ue(0) id, ue(1) chroma format,
+    // ue(0) ue(0) bit depths, 1 bypass flag: the matrix flag is bit 39.
+    constexpr std::size_t matrixFlagBit = 39;
+    auto bitAt = [&](std::size_t i) { return (rbsp[i / 8] >> (7 - i % 8)) & 1u; };
+    std::size_t stopBit = rbsp.size() * 8 - 1;
+    while (stopBit > 0 && bitAt(stopBit) == 0)
+        --stopBit;
+    lumiflux_test::BitWriter w;
+    for (std::size_t i = 0; i < matrixFlagBit; ++i)
+        w.u(1, bitAt(i));
+    w.flag(true);
+    for (int list = 0; list < 8; ++list) {
+        const bool present = list != 2 && list != 4;
+        w.flag(present);
+        if (present)
+            w.se(5).se(-13); // 13 everywhere
+    }
+    for (std::size_t i = matrixFlagBit + 1; i < stopBit; ++i)
+        w.u(1, bitAt(i));
+    w.trailing();
+    return w.bytes();
+}
+
+} // namespace
+
+// No installed encoder puts scaling lists in the SPS (they go in the PPS), so
+// the SPS of a real high-profile stream gets them inserted by hand. ffprobe
+// decodes the result; the minimal reader shows its documented deviation and
+// the stream parser agrees with ffprobe.
+TEST(FfprobeOracleSpliced, SpsScalingListsDeviateInTheMinimalReaderOnly)
+{
+    const EncodeCase source{"scaling_source", "1278x718", 4, "yuv420p", "x264", "--profile high --8x8dct"};
+    const std::string dir = freshDirectory("oracle-spliced");
+    const auto original = readFile(encode(source, dir));
+    ASSERT_FALSE(original.empty());
+
+    std::vector<unsigned char> spliced;
+    H264Reader reader;
+    reader.setData(original.data(), original.size());
+    int replaced = 0;
+    for (auto unit = reader.readNalUnit(); unit.second > 0; unit = reader.readNalUnit()) {
+        const unsigned char* start = original.data() + unit.first;
+        const std::size_t header = start[2] == 1 ? 3 : 4;
+        if ((start[header] & 0x1f) != 7) {
+            spliced.insert(spliced.end(), start, start + unit.second);
+            continue;
+        }
+        ASSERT_EQ(start[header + 1], 100) << "expected a high-profile SPS";
+        lumiflux_test::appendNal(spliced, withScalingLists(unescape(start + header, unit.second - header)));
+        ++replaced;
+    }
+    ASSERT_GT(replaced, 0);
+    const std::string file = dir + "/spliced.264";
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(spliced.data()), static_cast<std::streamsize>(spliced.size()));
+
+    auto probe = probeStream(file);
+    ASSERT_EQ(probe["width"], "1278");
+    ASSERT_EQ(probe["height"], "718");
+    ASSERT_EQ(probe["nb_read_frames"], "4") << "ffprobe could not decode the spliced stream";
+
+    H264Reader units;
+    units.setData(spliced.data(), spliced.size());
+    const auto first = units.readNalUnit();
+    H264NaluReader nal(spliced.data() + first.first, first.second);
+    ASSERT_EQ(nal.naluType(), 7u);
+    int width = 0, height = 0, level = 0, profile = 0;
+    const bool ok = nal.parseSPS(width, height, level, profile);
+    EXPECT_EQ(profile, profileIdc(probe["profile"]));
+    EXPECT_EQ(level, toInt(probe["level"]));
+    EXPECT_FALSE(ok && width == toInt(probe["coded_width"]) && height == toInt(probe["coded_height"]))
+        << "parseSPS is documented not to skip scaling lists";
+
+    VideoStreamParser parser;
+    ASSERT_TRUE(parser.parseFile(file)) << parser.errorMessage();
+    EXPECT_EQ(parser.metadata().codedWidth(), toInt(probe["coded_width"]));
+    EXPECT_EQ(parser.metadata().codedHeight(), toInt(probe["coded_height"]));
+    EXPECT_EQ(parser.metadata().displayWidth(), 1278);
+    EXPECT_EQ(parser.metadata().displayHeight(), 718);
+    EXPECT_EQ(parser.accessUnits().size(), 4u);
+}
