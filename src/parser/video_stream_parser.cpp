@@ -384,18 +384,18 @@ bool VideoStreamParser::parseFile(const std::string& path)
 {
     LogInit();
     GError* rawError = nullptr;
-    GMappedFile* file = g_mapped_file_new(path.c_str(), FALSE, &rawError);
-    if (file == nullptr) {
+    // Mapped rather than read: a long recording is only paged in as it is scanned.
+    const std::unique_ptr<GMappedFile, decltype(&g_mapped_file_unref)> file(
+        g_mapped_file_new(path.c_str(), FALSE, &rawError), &g_mapped_file_unref);
+    if (!file) {
         impl->reset();
         impl->error = "cannot read " + path + ": " + (rawError != nullptr ? rawError->message : "");
         g_clear_error(&rawError);
         LUMIFLUX_LOG(LogLevel::Error, "main ") << impl->error << std::endl;
         return false;
     }
-    const bool ok = impl->run(reinterpret_cast<const std::uint8_t*>(g_mapped_file_get_contents(file)),
-                              g_mapped_file_get_length(file));
-    g_mapped_file_unref(file);
-    return ok;
+    return impl->run(reinterpret_cast<const std::uint8_t*>(g_mapped_file_get_contents(file.get())),
+                     g_mapped_file_get_length(file.get()));
 }
 
 const VideoStreamMetadata& VideoStreamParser::metadata() const
