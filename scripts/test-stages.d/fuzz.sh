@@ -48,7 +48,7 @@ for fuzzer in fuzz_start_code fuzz_nalu_reader fuzz_video_stream_parser; do
   cp "$seeds"/* "$corpus"/
   echo "fuzz stage: $fuzzer for ${seconds}s"
   if ! (cd "$dir" && "./fuzz/$fuzzer" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-        -max_len=65536 -print_final_stats=1 "$corpus" > "$dir/$fuzzer.log" 2>&1); then
+        -max_len=16384 -print_final_stats=1 "$corpus" > "$dir/$fuzzer.log" 2>&1); then
     echo "fuzz stage: $fuzzer failed"
     tail -n 60 "$dir/$fuzzer.log"
     status=1
