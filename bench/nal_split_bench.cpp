@@ -16,6 +16,7 @@
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <set>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -218,7 +219,8 @@ void libavcodecParser(benchmark::State& state)
     setRate(state, data.size());
 }
 
-// Prints as usual and keeps each benchmark's GB/s for the ratios.
+// Prints as usual and keeps each benchmark's GB/s for the ratios: the median
+// when repetitions are asked for, the single run otherwise.
 class RateReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override
@@ -226,11 +228,21 @@ public:
         ConsoleReporter::ReportRuns(runs);
         for (const auto& run : runs) {
             const auto it = run.counters.find("GB/s");
-            if (it != run.counters.end() && run.run_type == Run::RT_Iteration)
-                rates[run.run_name.function_name] = it->second.value;
+            if (it == run.counters.end())
+                continue;
+            const std::string& name = run.run_name.function_name;
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+                rates[name] = it->second.value;
+                medians.insert(name);
+            } else if (run.run_type == Run::RT_Iteration && medians.count(name) == 0) {
+                rates[name] = it->second.value;
+            }
         }
     }
     std::map<std::string, double> rates;
+
+private:
+    std::set<std::string> medians;
 };
 
 } // namespace
