@@ -6,6 +6,8 @@
  */
 
 #include <lumiflux/export.h>
+#include <lumiflux/graphic_buffer.h>
+#include <lumiflux/gst_graphic_buffer.h>
 #include <lumiflux/h264_reader.h>
 #include <lumiflux/log.h>
 #include <lumiflux/plugin.h>
