@@ -122,39 +122,62 @@ StartCodeScan scanSse2(const std::uint8_t* data, std::size_t position, std::size
     return scanWithMemchr(data, position, size, state, zeroCount);
 }
 
+#endif
+
 using ScanFunction = StartCodeScan (*)(const std::uint8_t*, std::size_t, std::size_t, RunState&, int&);
 
-ScanFunction scanFunction()
+ScanFunction functionFor(StartCodeScanner scanner)
+{
+    switch (scanner) {
+#ifdef LUMIFLUX_SCAN_X86
+    case StartCodeScanner::Avx2:
+        return scanAvx2;
+    case StartCodeScanner::Sse2:
+        return scanSse2;
+#endif
+    case StartCodeScanner::Portable:
+        return scanWithMemchr;
+    default:
+        return nullptr;
+    }
+}
+
+ScanFunction bestFunction()
 {
     // Chosen once, on first use (so no static initialiser order matters).
-    static const ScanFunction chosen = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx2") ? scanAvx2 : scanSse2;
-    }();
+    static const ScanFunction chosen = functionFor(availableStartCodeScanners().front());
     return chosen;
 }
 
-#else
-
-using ScanFunction = StartCodeScan (*)(const std::uint8_t*, std::size_t, std::size_t, RunState&, int&);
-
-ScanFunction scanFunction()
-{
-    return scanWithMemchr;
-}
-
-#endif
-
 } // namespace
 
-StartCodeScan scanForStartCode(const std::uint8_t* data, std::size_t begin, std::size_t size, int& zeroCount)
+std::vector<StartCodeScanner> availableStartCodeScanners()
+{
+    std::vector<StartCodeScanner> available;
+#ifdef LUMIFLUX_SCAN_X86
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx2"))
+        available.push_back(StartCodeScanner::Avx2);
+    available.push_back(StartCodeScanner::Sse2);
+#endif
+    available.push_back(StartCodeScanner::Portable);
+    return available;
+}
+
+StartCodeScan scanForStartCode(const std::uint8_t* data, std::size_t begin, std::size_t size, int& zeroCount,
+                               StartCodeScanner scanner)
 {
     RunState state{begin, zeroCount & 3};
     if (begin >= size) {
         // Nothing scanned: the counter stays as it was.
         return {size, 0};
     }
-    return scanFunction()(data, begin, size, state, zeroCount);
+    const ScanFunction function = scanner == StartCodeScanner::Best ? bestFunction() : functionFor(scanner);
+    if (function == nullptr) {
+        // Not built for this machine: nothing is searched.
+        return {size, 0};
+    }
+    return function(data, begin, size, state, zeroCount);
 }
 
 } // namespace Tevara::Lumiflux::Internal

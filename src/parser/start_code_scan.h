@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace Tevara::Lumiflux::Internal {
 
@@ -20,11 +21,18 @@ struct StartCodeScan {
     int zeros;
 };
 
+/** How the 0x01 bytes are found. All give the same results; Best picks the fastest this CPU runs. */
+enum class StartCodeScanner { Best, Avx2, Sse2, Portable };
+
+/** The scanners this CPU can run, fastest first (tests compare them all). */
+std::vector<StartCodeScanner> availableStartCodeScanners();
+
 /**
  * Scans data[begin, size) with `zeroCount` (0..3) zeros counted before
  * `begin`. On a start code, `zeroCount` becomes 0; otherwise it becomes the
- * counter at the end of the data.
+ * counter at the end of the data. A scanner this CPU cannot run finds nothing.
  */
-StartCodeScan scanForStartCode(const std::uint8_t* data, std::size_t begin, std::size_t size, int& zeroCount);
+StartCodeScan scanForStartCode(const std::uint8_t* data, std::size_t begin, std::size_t size, int& zeroCount,
+                               StartCodeScanner scanner = StartCodeScanner::Best);
 
 } // namespace Tevara::Lumiflux::Internal

@@ -17,49 +17,13 @@
 #include <lumiflux/log.h>
 
 #include "h264_stream.h"
+#include "reference_scanner.h"
 #include "syslog_capture.h"
 
 using namespace lumiflux_test;
 using Bytes = std::vector<unsigned char>;
 
 namespace {
-
-// The start-code search exactly as the state machine describes it, one byte
-// at a time. The fast search must agree with it on every input.
-struct ReferenceScanner {
-    const unsigned char* data = nullptr;
-    unsigned long size = 0;
-    long long readOffset = -1;
-    int zeros = 0;
-    int startCodeSize = 0;
-
-    void setData(const unsigned char* d, unsigned long s)
-    {
-        data = d;
-        size = s;
-        readOffset = -1;
-    }
-    unsigned long next()
-    {
-        unsigned long i = readOffset < 0 ? 0 : static_cast<unsigned long>(readOffset);
-        for (; i < size; ++i) {
-            const unsigned char b = data[i];
-            if (b == 0) {
-                zeros = zeros == 3 ? 0 : zeros + 1;
-            } else if (b == 1 && (zeros & 2) != 0) {
-                const int counted = zeros;
-                zeros = 0;
-                startCodeSize = counted + 1;
-                readOffset = static_cast<long long>(i) + 1;
-                return i - static_cast<unsigned long>(counted);
-            } else {
-                zeros = 0;
-            }
-        }
-        readOffset = static_cast<long long>(size);
-        return size;
-    }
-};
 
 // Both scanners over the same chunks; every result and every state must agree.
 void expectSameScan(const Bytes& stream, const std::vector<std::size_t>& cuts)
