@@ -12,7 +12,7 @@ namespace {
 // product of macroblock counts well inside an int.
 constexpr std::uint64_t maxCodedDimension = 32768;
 
-// Sample aspect ratios by aspect_ratio_idc 1..16 (Table E-1).
+// Sample aspect ratios by aspect_ratio_idc 1..16, as H.264 numbers them.
 constexpr std::array<std::array<unsigned, 2>, 17> sampleAspectRatios{{{0, 0},
                                                                       {1, 1},
                                                                       {12, 11},
