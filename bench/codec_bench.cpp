@@ -328,6 +328,7 @@ void decodeThroughPipeline(benchmark::State& state, const std::string& codec)
 // Collects frames per second by name so the ratios can be printed at the end.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
+    RatioReporter() : ConsoleReporter(OO_None) {}
     void ReportRuns(const std::vector<Run>& runs) override
     {
         ConsoleReporter::ReportRuns(runs);
