@@ -299,6 +299,14 @@ public:
      * Sets (or with nullptr removes) the hot-plug listener, under the
      * recursive listener mutex. Safe from any thread, also from inside a
      * notification.
+     *
+     * For plug-in writers: the root manager registers itself here on every
+     * enumeration, while holding its enumeration lock, and its own
+     * onCameraAdded/onCameraRemoved take that lock. A plug-in therefore reads
+     * `listener` under `listenerMutex` but calls it after unlocking, or a
+     * hot-plug on one thread and an enumeration on another wait for each
+     * other. It must not notify from inside its own init, getNumberOfCameras
+     * or getCameraInfo.
      */
     virtual void setListener(CameraManagerListener* listener);
 
