@@ -8,6 +8,8 @@
 #include <lumiflux/camera.h>
 #include <lumiflux/camera_base.h>
 #include <lumiflux/export.h>
+#include <lumiflux/graphic_buffer.h>
+#include <lumiflux/gst_graphic_buffer.h>
 #include <lumiflux/log.h>
 #include <lumiflux/plugin.h>
 #include <lumiflux/sysinfo.h>

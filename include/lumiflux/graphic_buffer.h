@@ -1,0 +1,110 @@
+#pragma once
+
+/**
+ * @file graphic_buffer.h
+ * The library's handle on one video frame in memory, and the mapped views of
+ * its pixels.
+ */
+
+#include <cstdint>
+#include <memory>
+
+#include <lumiflux/export.h>
+#include <lumiflux/types.h>
+
+namespace Tevara::Lumiflux {
+
+/**
+ * A planar view of a mapped frame. Only the planes that the layout named by
+ * `fourcc` uses carry meaning; go by `fourcc`, not by the other planes.
+ */
+struct Frame {
+    /** One plane of the frame. */
+    struct Plane {
+        std::uint16_t width;  ///< samples per row
+        std::uint16_t height; ///< rows
+        std::uint16_t stride; ///< bytes between the starts of two rows
+        std::uint8_t* data;   ///< first byte of the plane
+    };
+
+    /** Layout, FourCC packed with the first character in the lowest byte: "YU12", "BX24", "NV12" or "NV21". */
+    std::uint32_t fourcc;
+    /** Planes 0 to 2 as the layout uses them; plane 3 is never filled by this library. */
+    Plane planes[4];
+    /** Presentation time in microseconds (nanoseconds divided by 1000, truncating). */
+    std::uint64_t timestamp;
+};
+
+/** A YCbCr view of a mapped frame: separate luma and chroma pointers. */
+struct YCbCrFrame {
+    std::uint8_t* y;          ///< first luma sample
+    std::uint8_t* cb;         ///< first blue-difference sample
+    std::uint8_t* cr;         ///< first red-difference sample
+    std::uint16_t yStride;    ///< bytes between two rows of luma
+    std::uint16_t cStride;    ///< bytes between two rows of chroma
+    std::uint16_t chromaStep; ///< bytes between two neighbouring chroma samples of one kind
+    std::uint16_t width;      ///< frame width in pixels
+    std::uint16_t height;     ///< frame height in pixels
+    std::uint64_t timestamp;  ///< presentation time in microseconds
+};
+
+/**
+ * One video frame handed to applications by cameras, codecs and the player.
+ * The fields describe the frame; the map operations give access to its
+ * pixels. A buffer is not locked: use one buffer from one thread at a time,
+ * while views it returned may be used from any thread.
+ */
+class LUMIFLUX_EXPORT GraphicBuffer {
+public:
+    virtual ~GraphicBuffer();
+
+    /** A YCbCr view of the pixels, or an empty pointer when the frame has none. */
+    virtual std::shared_ptr<YCbCrFrame> mapYCbCr() = 0;
+    /** An implementation-defined mapping; this library's buffers return an empty pointer. */
+    virtual std::shared_ptr<void> map() = 0;
+    /** A planar view of the pixels, or an empty pointer when the frame cannot be mapped. */
+    virtual std::shared_ptr<Frame> mapFrame() = 0;
+    /** Rotation of the frame in degrees, as its creator gave it. */
+    virtual int rotation() const = 0;
+
+    std::uint16_t width = 0;  ///< frame width in pixels
+    std::uint16_t height = 0; ///< frame height in pixels
+    /** Presentation time in microseconds; -1 when unknown. */
+    std::int64_t timestamp = -1;
+    /** Pixel format; Invalid for an empty buffer. */
+    PixelFormat format = PixelFormat::Invalid;
+    /** Owned by buffers of other implementations; always 0 in this library's buffers. */
+    std::uint64_t reserved64 = 0;
+    /** Owned by buffers of other implementations; always 0 in this library's buffers. */
+    std::uint32_t reserved32 = 0;
+
+protected:
+    GraphicBuffer() = default;
+    GraphicBuffer(const GraphicBuffer&) = default;
+    GraphicBuffer& operator=(const GraphicBuffer&) = default;
+};
+
+namespace Internal {
+
+/**
+ * Base for graphic buffers of plug-ins: every operation has a default, so an
+ * implementation overrides only what it offers. The map operations return an
+ * empty pointer and rotation() returns 0.
+ */
+class LUMIFLUX_EXPORT BaseGraphicBuffer : public GraphicBuffer {
+public:
+    ~BaseGraphicBuffer() override;
+
+    /** Returns an empty pointer. */
+    std::shared_ptr<YCbCrFrame> mapYCbCr() override;
+    /** Returns an empty pointer. */
+    std::shared_ptr<void> map() override;
+    /** Returns an empty pointer. */
+    std::shared_ptr<Frame> mapFrame() override;
+    /** Returns 0. */
+    int rotation() const override;
+};
+
+} // namespace Internal
+
+} // namespace Tevara::Lumiflux

@@ -1,0 +1,69 @@
+#include <lumiflux/gst_graphic_buffer.h>
+
+#include "buffers/owned_info_graphic_buffer.h"
+#include "core/log_macros.h"
+
+namespace Tevara::Lumiflux {
+
+namespace {
+
+bool isFixedRawVideo(const GstCaps* caps)
+{
+    return caps && gst_caps_is_fixed(caps) && gst_structure_has_name(gst_caps_get_structure(caps, 0), "video/x-raw");
+}
+
+} // namespace
+
+std::shared_ptr<GraphicBufferFactory> GraphicBufferFactory::fromCaps(const GstCaps* caps)
+{
+    if (!caps) {
+        LUMIFLUX_LOG(LogLevel::Error, "main ") << "no caps" << std::endl;
+        return {};
+    }
+    if (!gst_caps_is_fixed(caps)) {
+        LUMIFLUX_LOG(LogLevel::Error, "main ") << "caps are not fixed" << std::endl;
+        return {};
+    }
+    GstVideoInfo info;
+    gst_video_info_init(&info);
+    // The parser also accepts encoded video caps (format ENCODED), which have no planes to map.
+    if (!isFixedRawVideo(caps) || !gst_video_info_from_caps(&info, caps)) {
+        LUMIFLUX_LOG(LogLevel::Error, "main ") << "caps are not raw video" << std::endl;
+        return {};
+    }
+    return std::make_shared<GraphicBufferFactory>(Key{}, info);
+}
+
+std::shared_ptr<GraphicBufferFactory> GraphicBufferFactory::fromInfo(const GstVideoInfo& info)
+{
+    if (!info.finfo) {
+        LUMIFLUX_LOG(LogLevel::Error, "main ") << "video information was never initialised" << std::endl;
+        return {};
+    }
+    return std::make_shared<GraphicBufferFactory>(Key{}, info);
+}
+
+GraphicBufferFactory::GraphicBufferFactory(Key, const GstVideoInfo& info) : videoInfo(info) {}
+
+std::shared_ptr<GraphicBuffer> GraphicBufferFactory::create(GstBuffer* buffer, bool copyDmaBuf, int rotation) const
+{
+    // A copy per buffer: the buffer's constructor writes its video-meta layout
+    // into it, and buffers may be made on several threads at once.
+    auto ownInfo = std::make_shared<GstVideoInfo>(videoInfo);
+    return std::make_shared<Internal::OwnedInfoGraphicBuffer>(std::move(ownInfo), buffer, copyDmaBuf, rotation);
+}
+
+const GstVideoInfo& GraphicBufferFactory::info() const
+{
+    return videoInfo;
+}
+
+bool GraphicBufferFactory::matches(const GstCaps* caps) const
+{
+    GstVideoInfo other;
+    gst_video_info_init(&other);
+    return isFixedRawVideo(caps) && gst_video_info_from_caps(&other, caps) &&
+           gst_video_info_is_equal(&other, &videoInfo);
+}
+
+} // namespace Tevara::Lumiflux

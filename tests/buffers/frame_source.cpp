@@ -1,0 +1,175 @@
+#include "frame_source.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include <gst/allocators/gstdmabuf.h>
+#include <gst/app/gstappsink.h>
+
+namespace lumiflux_test {
+
+::testing::AssertionResult pullFrame(const std::string& caps, SourceFrame* out)
+{
+    gst_init(nullptr, nullptr);
+    const std::string description =
+        "videotestsrc num-buffers=1 pattern=snow ! capsfilter caps=\"" + caps + "\" ! appsink name=sink sync=false";
+    GError* error = nullptr;
+    Ref<GstElement> pipeline = Ref<GstElement>::adopt(gst_parse_launch(description.c_str(), &error));
+    if (error) {
+        auto result = ::testing::AssertionFailure() << "cannot build '" << description << "': " << error->message;
+        g_error_free(error);
+        return result;
+    }
+    if (!pipeline)
+        return ::testing::AssertionFailure() << "cannot build '" << description << "'";
+    Ref<GstElement> sink = Ref<GstElement>::adopt(gst_bin_get_by_name(GST_BIN(pipeline.get()), "sink"));
+    if (gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+        return ::testing::AssertionFailure() << "cannot play '" << description << "'";
+    }
+    Ref<GstSample> sample = Ref<GstSample>::adopt(gst_app_sink_pull_sample(GST_APP_SINK(sink.get())));
+    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+    if (!sample)
+        return ::testing::AssertionFailure() << "no frame from '" << description << "'";
+    if (!gst_video_info_from_caps(&out->info, gst_sample_get_caps(sample.get())))
+        return ::testing::AssertionFailure() << "no video information in the caps of '" << description << "'";
+    out->buffer = Ref<GstBuffer>::share(gst_sample_get_buffer(sample.get()));
+    return ::testing::AssertionSuccess();
+}
+
+SourceFrame patternFrame(GstVideoFormat format, int width, int height)
+{
+    SourceFrame frame;
+    gst_video_info_set_format(&frame.info, format, static_cast<guint>(width), static_cast<guint>(height));
+    frame.buffer = Ref<GstBuffer>::adopt(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&frame.info), nullptr));
+    GstMapInfo map;
+    if (gst_buffer_map(frame.buffer.get(), &map, GST_MAP_WRITE)) {
+        std::uint32_t state = 0x9E3779B9u; // xorshift32
+        for (gsize i = 0; i < map.size; ++i) {
+            state ^= state << 13;
+            state ^= state >> 17;
+            state ^= state << 5;
+            map.data[i] = static_cast<guint8>(state);
+        }
+        gst_buffer_unmap(frame.buffer.get(), &map);
+    }
+    GST_BUFFER_PTS(frame.buffer.get()) = GST_SECOND;
+    return frame;
+}
+
+int planeRowBytes(const GstVideoFrame& frame, int plane)
+{
+    int bytes = 0;
+    for (guint comp = 0; comp < GST_VIDEO_FRAME_N_COMPONENTS(&frame); ++comp)
+        if (static_cast<int>(GST_VIDEO_FRAME_COMP_PLANE(&frame, comp)) == plane)
+            bytes =
+                std::max(bytes, GST_VIDEO_FRAME_COMP_WIDTH(&frame, comp) * GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, comp));
+    return bytes;
+}
+
+int planeRows(const GstVideoFrame& frame, int plane)
+{
+    for (guint comp = 0; comp < GST_VIDEO_FRAME_N_COMPONENTS(&frame); ++comp)
+        if (static_cast<int>(GST_VIDEO_FRAME_COMP_PLANE(&frame, comp)) == plane)
+            return GST_VIDEO_FRAME_COMP_HEIGHT(&frame, comp);
+    return 0;
+}
+
+namespace {
+
+// Copies every plane of `source` row by row into `target` (same format and size).
+void copyPlanes(const GstVideoFrame& source, GstVideoFrame* target)
+{
+    for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&source); ++plane) {
+        const int rows = planeRows(source, static_cast<int>(plane));
+        const int bytes = planeRowBytes(source, static_cast<int>(plane));
+        for (int row = 0; row < rows; ++row)
+            std::memcpy(static_cast<guint8*>(GST_VIDEO_FRAME_PLANE_DATA(target, plane)) +
+                            row * GST_VIDEO_FRAME_PLANE_STRIDE(target, plane),
+                        static_cast<const guint8*>(GST_VIDEO_FRAME_PLANE_DATA(&source, plane)) +
+                            row * GST_VIDEO_FRAME_PLANE_STRIDE(&source, plane),
+                        static_cast<size_t>(bytes));
+    }
+}
+
+} // namespace
+
+Ref<GstBuffer> paddedCopy(const SourceFrame& frame, int padding)
+{
+    GstVideoFrame source;
+    GstVideoInfo info = frame.info;
+    if (!gst_video_frame_map(&source, &info, frame.buffer.get(), GST_MAP_READ))
+        return {};
+    gsize offsets[GST_VIDEO_MAX_PLANES] = {};
+    gint strides[GST_VIDEO_MAX_PLANES] = {};
+    gsize size = 0;
+    const guint planes = GST_VIDEO_FRAME_N_PLANES(&source);
+    for (guint plane = 0; plane < planes; ++plane) {
+        offsets[plane] = size;
+        strides[plane] = GST_VIDEO_FRAME_PLANE_STRIDE(&source, plane) + padding;
+        size += static_cast<gsize>(strides[plane]) * static_cast<gsize>(planeRows(source, static_cast<int>(plane)));
+    }
+    Ref<GstBuffer> copy = Ref<GstBuffer>::adopt(gst_buffer_new_allocate(nullptr, size, nullptr));
+    gst_buffer_memset(copy.get(), 0, 0xEE, size);
+    gst_buffer_add_video_meta_full(copy.get(), GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_INFO_FORMAT(&info),
+                                   static_cast<guint>(GST_VIDEO_INFO_WIDTH(&info)),
+                                   static_cast<guint>(GST_VIDEO_INFO_HEIGHT(&info)), planes, offsets, strides);
+    GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
+    GstVideoFrame target;
+    if (gst_video_frame_map(&target, &info, copy.get(), GST_MAP_WRITE)) {
+        copyPlanes(source, &target);
+        gst_video_frame_unmap(&target);
+    } else {
+        copy.reset();
+    }
+    gst_video_frame_unmap(&source);
+    return copy;
+}
+
+Ref<GstBuffer> dmaBufCopy(const SourceFrame& frame)
+{
+    const gsize size = gst_buffer_get_size(frame.buffer.get());
+    const int fd = memfd_create("lumiflux-test-frame", MFD_CLOEXEC);
+    if (fd < 0)
+        return {};
+    if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        close(fd);
+        return {};
+    }
+    Ref<GstAllocator> allocator = Ref<GstAllocator>::adopt(gst_dmabuf_allocator_new());
+    // The memory takes over the descriptor.
+    GstMemory* memory = gst_dmabuf_allocator_alloc(allocator.get(), fd, size);
+    Ref<GstBuffer> copy = Ref<GstBuffer>::adopt(gst_buffer_new());
+    gst_buffer_append_memory(copy.get(), memory);
+    GstMapInfo source, target;
+    if (!gst_buffer_map(frame.buffer.get(), &source, GST_MAP_READ))
+        return {};
+    if (gst_buffer_map(copy.get(), &target, GST_MAP_WRITE)) {
+        std::memcpy(target.data, source.data, size);
+        gst_buffer_unmap(copy.get(), &target);
+    } else {
+        copy.reset();
+    }
+    gst_buffer_unmap(frame.buffer.get(), &source);
+    if (copy)
+        GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
+    return copy;
+}
+
+::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane,
+                                     int rows, int rowBytes)
+{
+    if (!data)
+        return ::testing::AssertionFailure() << "plane " << plane << " has no data";
+    const auto* expected = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&reference, plane));
+    const int expectedStride = GST_VIDEO_FRAME_PLANE_STRIDE(&reference, plane);
+    for (int row = 0; row < rows; ++row)
+        if (std::memcmp(data + row * stride, expected + row * expectedStride, static_cast<size_t>(rowBytes)) != 0)
+            return ::testing::AssertionFailure() << "plane " << plane << " differs in row " << row;
+    return ::testing::AssertionSuccess();
+}
+
+} // namespace lumiflux_test
