@@ -44,6 +44,16 @@ struct PlugProviderClass {
 std::mutex providerMutex;
 GstDeviceProvider* startedProvider = nullptr; ///< the instance the monitor started
 
+// The started provider. Called without providerMutex held while the device
+// is added: the notification it leads to takes the root manager's lock,
+// which is held while the monitor starts this provider (startProvider takes
+// providerMutex): holding both in opposite orders could deadlock.
+GstDeviceProvider* provider()
+{
+    std::lock_guard<std::mutex> lock(providerMutex);
+    return startedProvider;
+}
+
 GstElement* createPluggedElement(GstDevice*, const gchar* name)
 {
     GstElement* source = gst_element_factory_make("videotestsrc", name);
@@ -203,8 +213,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     std::thread::id pluggingThread;
     std::thread plugIn([&] {
         pluggingThread = std::this_thread::get_id();
-        std::lock_guard<std::mutex> lock(providerMutex);
-        gst_device_provider_device_add(startedProvider, device);
+        gst_device_provider_device_add(provider(), device);
     });
     plugIn.join();
     ASSERT_TRUE(listener.waitFor(1));
@@ -242,10 +251,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     }
 
     // Unplugged while capturing: the list drops it before the application hears.
-    std::thread plugOut([&] {
-        std::lock_guard<std::mutex> lock(providerMutex);
-        gst_device_provider_device_remove(startedProvider, device);
-    });
+    std::thread plugOut([&] { gst_device_provider_device_remove(provider(), device); });
     plugOut.join();
     ASSERT_TRUE(listener.waitFor(2));
     {
