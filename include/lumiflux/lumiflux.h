@@ -10,7 +10,9 @@
 #include <lumiflux/export.h>
 #include <lumiflux/graphic_buffer.h>
 #include <lumiflux/gst_graphic_buffer.h>
+#include <lumiflux/h264_reader.h>
 #include <lumiflux/log.h>
 #include <lumiflux/plugin.h>
 #include <lumiflux/sysinfo.h>
 #include <lumiflux/types.h>
+#include <lumiflux/video_stream_parser.h>
