@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <stdexcept>
 #include <thread>
 
 #include <lumiflux/camera.h>
@@ -35,6 +36,7 @@ struct FixturePlugin {
     void failIndex(int index) const { fn<void(int)>("fixtureFailIndex")(index); }
     void grow(int count) const { fn<void(int)>("fixtureGrowDuringEnumeration")(count); }
     void failInit() const { fn<void(bool)>("fixtureFailInit")(true); }
+    void throwOnInfo(bool on) const { fn<void(bool)>("fixtureThrowOnInfo")(on); }
     int initCalls() const { return fn<int()>("fixtureInitCalls")(); }
     int openCalls() const { return fn<int()>("fixtureOpenCalls")(); }
     void fireAdded(const char* id, int facing) const { fn<void(const char*, int)>("fixtureFireAdded")(id, facing); }
@@ -208,6 +210,13 @@ TEST(RootEnumeration16, SixteenEqualFacingsKeepTheirOrder)
     const auto list = listCameras(LumifluxManager());
     ASSERT_EQ(list.size(), 56u);
     EXPECT_TRUE(std::is_sorted(list.begin(), list.end(), [](auto& a, auto& b) { return a.facing < b.facing; }));
+
+    // A plug-in that throws while listed: the exception reaches the caller
+    // and the lock is released, so the next enumeration runs (no deadlock).
+    plugins[1].throwOnInfo(true);
+    EXPECT_THROW(LumifluxManager()->getNumberOfCameras(), std::runtime_error);
+    plugins[1].throwOnInfo(false);
+    EXPECT_EQ(LumifluxManager()->getNumberOfCameras(), 56);
 }
 
 class RecordingListener : public CameraManagerListener {
