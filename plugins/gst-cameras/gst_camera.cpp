@@ -198,17 +198,17 @@ bool GstCamera::getParameter(const std::string& name, std::string& value)
     std::lock_guard<std::mutex> control(controlMutex);
     if (!source)
         return false;
-    GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(source.get()), name.c_str());
-    if (spec == nullptr || (spec->flags & G_PARAM_READABLE) == 0)
+    GParamSpec* property = g_object_class_find_property(G_OBJECT_GET_CLASS(source.get()), name.c_str());
+    if (property == nullptr || (property->flags & G_PARAM_READABLE) == 0)
         return false;
     GValue current = G_VALUE_INIT;
-    g_value_init(&current, spec->value_type);
+    g_value_init(&current, property->value_type);
     g_object_get_property(G_OBJECT(source.get()), name.c_str(), &current);
     bool ok = false;
     if (G_VALUE_HOLDS_ENUM(&current)) {
         // The nick is what setParameter accepts back ("white", not GST_VIDEO_TEST_SRC_WHITE).
         GEnumValue* entry =
-            g_enum_get_value(G_ENUM_CLASS(g_type_class_peek(spec->value_type)), g_value_get_enum(&current));
+            g_enum_get_value(G_ENUM_CLASS(g_type_class_peek(property->value_type)), g_value_get_enum(&current));
         if (entry != nullptr) {
             value = entry->value_nick;
             ok = true;
@@ -230,11 +230,12 @@ bool GstCamera::setParameter(const std::string& name, const std::string& value)
     std::lock_guard<std::mutex> control(controlMutex);
     if (!source)
         return false;
-    GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(source.get()), name.c_str());
-    if (spec == nullptr || (spec->flags & G_PARAM_WRITABLE) == 0 || (spec->flags & G_PARAM_CONSTRUCT_ONLY) != 0)
+    GParamSpec* property = g_object_class_find_property(G_OBJECT_GET_CLASS(source.get()), name.c_str());
+    if (property == nullptr || (property->flags & G_PARAM_WRITABLE) == 0 ||
+        (property->flags & G_PARAM_CONSTRUCT_ONLY) != 0)
         return false;
     GValue parsed = G_VALUE_INIT;
-    g_value_init(&parsed, spec->value_type);
+    g_value_init(&parsed, property->value_type);
     bool ok = false;
     if (G_VALUE_HOLDS_STRING(&parsed)) {
         g_value_set_string(&parsed, value.c_str());
@@ -243,7 +244,7 @@ bool GstCamera::setParameter(const std::string& name, const std::string& value)
         ok = gst_value_deserialize(&parsed, value.c_str()) != FALSE;
     }
     if (ok)
-        ok = !g_param_value_validate(spec, &parsed); // true means it had to be clamped: a bad value
+        ok = !g_param_value_validate(property, &parsed); // true means it had to be clamped: a bad value
     if (ok)
         g_object_set_property(G_OBJECT(source.get()), name.c_str(), &parsed);
     g_value_unset(&parsed);
