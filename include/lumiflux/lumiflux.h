@@ -5,6 +5,8 @@
  * Everything an application or a plug-in needs.
  */
 
+#include <lumiflux/camera.h>
+#include <lumiflux/camera_base.h>
 #include <lumiflux/codec.h>
 #include <lumiflux/codec_base.h>
 #include <lumiflux/export.h>
