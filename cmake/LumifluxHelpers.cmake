@@ -13,7 +13,7 @@ function(lumiflux_apply_sanitizers)
 endfunction()
 
 # A plug-in module: a MODULE library written into the build tree's plug-in
-# directory and installed into the plug-in install directory.
+# directory and installed into the directory the library scans by default.
 function(lumiflux_add_plugin name)
   add_library(${name} MODULE ${ARGN})
   set_target_properties(${name} PROPERTIES
@@ -22,5 +22,5 @@ function(lumiflux_add_plugin name)
     VISIBILITY_INLINES_HIDDEN ON
     LIBRARY_OUTPUT_DIRECTORY "${LUMIFLUX_BUILD_PLUGIN_DIR}")
   target_link_libraries(${name} PRIVATE lumiflux lumiflux_private_headers)
-  install(TARGETS ${name} LIBRARY DESTINATION "${LUMIFLUX_PLUGIN_INSTALL_DIR}")
+  install(TARGETS ${name} LIBRARY DESTINATION "${LUMIFLUX_DEFAULT_PLUGIN_DIR}")
 endfunction()

@@ -31,7 +31,12 @@ struct Frame {
     std::uint32_t fourcc;
     /** Planes 0 to 2 as the layout uses them; plane 3 is never filled by this library. */
     Plane planes[4];
-    /** Presentation time in microseconds (nanoseconds divided by 1000, truncating). */
+    /**
+     * Presentation time in microseconds (nanoseconds divided by 1000,
+     * truncating). Unsigned: an unknown presentation time reads as
+     * 18446744073709551 (GStreamer's "none" divided by 1000), where the
+     * buffer's own timestamp says -1.
+     */
     std::uint64_t timestamp;
 };
 
@@ -45,14 +50,16 @@ struct YCbCrFrame {
     std::uint16_t chromaStep; ///< bytes between two neighbouring chroma samples of one kind
     std::uint16_t width;      ///< frame width in pixels
     std::uint16_t height;     ///< frame height in pixels
-    std::uint64_t timestamp;  ///< presentation time in microseconds
+    std::uint64_t timestamp;  ///< presentation time in microseconds; unknown as for Frame::timestamp
 };
 
 /**
  * One video frame handed to applications by cameras, codecs and the player.
  * The fields describe the frame; the map operations give access to its
- * pixels. A buffer is not locked: use one buffer from one thread at a time,
- * while views it returned may be used from any thread.
+ * pixels. A buffer is not locked: its fields must not be written while
+ * another thread reads them. Its map operations only read the buffer, so
+ * several threads may map views of one buffer at once; each view is used by
+ * one thread at a time.
  */
 class LUMIFLUX_EXPORT GraphicBuffer {
 public:
@@ -64,7 +71,7 @@ public:
     virtual std::shared_ptr<void> map() = 0;
     /** A planar view of the pixels, or an empty pointer when the frame cannot be mapped. */
     virtual std::shared_ptr<Frame> mapFrame() = 0;
-    /** Rotation of the frame in degrees, as its creator gave it. */
+    /** Rotation of the frame in degrees, as its creator gave it (0 to 65535; a negative value wraps). */
     virtual int rotation() const = 0;
 
     std::uint16_t width = 0;  ///< frame width in pixels

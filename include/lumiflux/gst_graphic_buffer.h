@@ -120,7 +120,7 @@ public:
     std::shared_ptr<YCbCrFrame> mapYCbCr() override;
     /** A mapped GstFrame, or an empty pointer when empty or unsupported. Any thread. */
     std::shared_ptr<Frame> mapFrame() override;
-    /** The rotation in degrees as passed by the creator. */
+    /** The rotation in degrees as passed by the creator, kept as 16 bits unsigned (-90 reads 65446). */
     int rotation() const override;
 
     GstBuffer* buffer = nullptr;       ///< one reference owned by this object

@@ -37,7 +37,7 @@ class CameraManager;
 class CodecManager;
 
 /** What a module's entry function returns. The library never deletes it. */
-class PluginModule {
+class LUMIFLUX_EXPORT PluginModule {
 public:
     virtual ~PluginModule() = default;
     /** The module's priority, which weights its codecs in the codec order. */

@@ -10,7 +10,7 @@
 namespace Tevara::Lumiflux::Internal {
 
 /** Facts about the device, read once per process on the first request. */
-class SysInfo {
+class LUMIFLUX_EXPORT SysInfo {
 public:
     /**
      * The screen rotation angle in degrees, as the desktop settings held it
@@ -22,7 +22,7 @@ public:
 };
 
 /** The process-wide object a plug-in module receives in its entry function. */
-class Globals {
+class LUMIFLUX_EXPORT Globals {
 public:
     /** The system information object; valid until process exit. */
     virtual SysInfo* sysInfo() = 0;

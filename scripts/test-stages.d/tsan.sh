@@ -12,5 +12,12 @@ if [ "${count:-0}" -eq 0 ]; then
   echo "no ThreadSanitizer scenarios yet"
   exit 0
 fi
-# setarch -R: ThreadSanitizer needs the address layout it expects.
-(cd "$dir" && setarch "$(uname -m)" -R ctest --output-on-failure -L tsan -j "$(nproc)" --timeout 600)
+# ThreadSanitizer needs the address layout it expects; where the machine
+# refuses to turn randomisation off (some containers), run without.
+launcher=()
+if setarch "$(uname -m)" -R true 2>/dev/null; then
+  launcher=(setarch "$(uname -m)" -R)
+else
+  echo "note: address randomisation stays on (setarch -R refused)"
+fi
+(cd "$dir" && "${launcher[@]}" ctest --output-on-failure -L tsan -j "$(nproc)" --timeout 600)

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <iostream>
 #include <regex>
@@ -26,6 +27,28 @@ using Tevara::Lumiflux::LogLevel;
 namespace {
 
 std::streambuf* const originalClogBuffer = std::clog.rdbuf();
+
+TEST(LogInitRace, FirstCallsFromManyThreadsAtOnceInstallOneBuffer)
+{
+    ASSERT_EQ(std::clog.rdbuf(), originalClogBuffer);
+    std::atomic<int> waiting{8};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&waiting] {
+            // Start together, so the first initialisation is contested.
+            --waiting;
+            while (waiting.load() > 0) {
+            }
+            LogInit();
+        });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_NE(std::clog.rdbuf(), originalClogBuffer);
+    EXPECT_EQ(openlogCalls().size(), 1u);
+    std::clog << LogLevel::Error << "after the race" << std::endl;
+    ASSERT_EQ(syslogRecords().size(), 1u);
+    EXPECT_EQ(syslogRecords()[0].text, "after the race\n");
+}
 
 class LogTest : public ::testing::Test {
 protected:

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs the build into a fresh prefix, then builds a module outside the
-# project twice (pkg-config alone; find_package) and has the installed tool
-# load each.
+# Installs the build into a fresh staging root (DESTDIR), then builds a
+# module outside the project twice (pkg-config alone; find_package) and has
+# the installed tool load each.
 set -euo pipefail
 build="$1"
 src="$2"
@@ -9,12 +9,12 @@ work="$build/test-work/out-of-tree-$$"
 rm -rf "$work"
 mkdir -p "$work"
 trap 'rm -rf "$work"' EXIT
-prefix="$work/prefix"
+stage="$work/stage"
 
-cmake --install "$build" --prefix "$prefix" > "$work/install.log"
-pc_dir=$(dirname "$(find "$prefix" -name lumiflux.pc | head -n1)")
-# The package file records the build's prefix; point it at the fresh one.
-sed -i "s|^prefix=.*|prefix=$prefix|" "$pc_dir/lumiflux.pc"
+DESTDIR="$stage" cmake --install "$build" > "$work/install.log"
+pc_dir=$(dirname "$(find "$stage" -name lumiflux.pc | head -n1)")
+prefix=$(cd "$pc_dir/../.." && pwd)
+[ -f "$prefix/include/lumiflux/lumiflux.h" ] || { echo "no headers under $prefix"; exit 1; }
 
 mkdir -p "$work/by-pkgconfig"
 g++ -std=c++17 -shared -fPIC -o "$work/by-pkgconfig/hello.so" "$src/hello_module.cpp" \

@@ -100,6 +100,7 @@ TEST(PluginScanMixed, OnlyRealModulesAreKeptAndEachBadFileIsLoggedOnce)
     copyFixture("fixture_valid_module", dir, "valid.so");
     copyFixture("fixture_no_entry", dir, "no-entry.so");
     copyFixture("fixture_null_module", dir, "null.so");
+    copyFixture("fixture_unresolved_module", dir, "unresolved.so");
     std::ofstream(fs::path(dir) / "readme.txt") << "not a shared object\n";
     fs::create_directory(fs::path(dir) / "subdir");
     fs::create_symlink(fs::path(dir) / "nowhere.so", fs::path(dir) / "dangling.so");
@@ -118,6 +119,15 @@ TEST(PluginScanMixed, OnlyRealModulesAreKeptAndEachBadFileIsLoggedOnce)
     const auto plugins = PluginManager::get().listPlugins();
     close(sock);
 
+    // The directory's own iteration order, not a sorted one.
+    std::vector<std::string> expectedOrder;
+    for (const auto& entry : fs::directory_iterator(dir))
+        if (entry.path().filename() == "valid.so" || entry.path().filename() == "linked-module")
+            expectedOrder.push_back(entry.path().string());
+    std::vector<std::string> order;
+    for (const auto& plugin : plugins)
+        order.push_back(plugin.path);
+    EXPECT_EQ(order, expectedOrder);
     EXPECT_EQ(paths(plugins), (std::vector<std::string>{dir + "/linked-module", dir + "/valid.so"}));
     for (const auto& plugin : plugins) {
         ASSERT_NE(plugin.module, nullptr);
@@ -132,12 +142,20 @@ TEST(PluginScanMixed, OnlyRealModulesAreKeptAndEachBadFileIsLoggedOnce)
         EXPECT_EQ(moduleSymbol<int (*)()>(plugin, "fixtureEntryCalls")(), 1);
     }
 
+    // Two files cannot be opened: the text file, and the module with a
+    // symbol that nothing defines (every symbol is bound at load time).
     const auto cannotOpen = syslogRecordsContaining("cannot open plugin: ");
-    ASSERT_EQ(cannotOpen.size(), 1u);
-    EXPECT_EQ(cannotOpen[0].priority, LOG_ERR);
-    EXPECT_TRUE(std::regex_match(cannotOpen[0].text, std::regex("main listPlugins:[0-9]+ -- cannot open plugin: .*"
-                                                                "readme\\.txt.*\n")))
-        << cannotOpen[0].text;
+    ASSERT_EQ(cannotOpen.size(), 2u);
+    const auto textFile = syslogRecordsContaining("readme.txt");
+    ASSERT_EQ(textFile.size(), 1u);
+    EXPECT_EQ(textFile[0].priority, LOG_ERR);
+    EXPECT_TRUE(std::regex_match(textFile[0].text, std::regex("main listPlugins:[0-9]+ -- cannot open plugin: .*"
+                                                              "readme\\.txt.*\n")))
+        << textFile[0].text;
+    const auto unresolved = syslogRecordsContaining("lumifluxFixtureFunctionDefinedNowhere");
+    ASSERT_EQ(unresolved.size(), 1u);
+    EXPECT_EQ(unresolved[0].priority, LOG_ERR);
+    EXPECT_NE(unresolved[0].text.find("cannot open plugin: "), std::string::npos) << unresolved[0].text;
 
     const auto notModule = syslogRecordsContaining(" is not a lumiflux module");
     ASSERT_EQ(notModule.size(), 1u);
@@ -153,7 +171,7 @@ TEST(PluginScanMixed, OnlyRealModulesAreKeptAndEachBadFileIsLoggedOnce)
     EXPECT_TRUE(std::regex_match(noModule[0].text,
                                  std::regex("main listPlugins:[0-9]+ -- " + dir + "/null\\.so returned no module\n")))
         << noModule[0].text;
-    EXPECT_EQ(lumiflux_test::syslogRecords().size(), 3u);
+    EXPECT_EQ(lumiflux_test::syslogRecords().size(), 4u);
 
     // Later calls return the same list without loading anything again.
     lumiflux_test::clearSyslog();

@@ -1,0 +1,30 @@
+// lumiflux-gst-codecs: software video encoders and decoders on GStreamer
+// elements.
+
+#include <lumiflux/plugin.h>
+
+#include "gst_codec_manager.h"
+
+namespace {
+
+class GstCodecsModule : public Tevara::Lumiflux::PluginModule {
+public:
+    // Below zero, so that every hardware codec of a module at priority 0 or
+    // above is preferred to these, consistently.
+    int getPriority() override { return -1; }
+    std::shared_ptr<Tevara::Lumiflux::CameraManager> getCameraManager() override { return {}; }
+    std::shared_ptr<Tevara::Lumiflux::CodecManager> getCodecManager() override { return manager; }
+
+private:
+    std::shared_ptr<Tevara::Lumiflux::CodecManager> manager =
+        std::make_shared<Tevara::Lumiflux::GstCodecs::GstCodecManager>();
+};
+
+} // namespace
+
+LUMIFLUX_DEFINE_MODULE(globals)
+{
+    (void)globals;
+    static GstCodecsModule module;
+    return &module;
+}

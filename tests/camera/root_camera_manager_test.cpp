@@ -1,0 +1,286 @@
+// The root camera manager over real fixture plug-ins. The plug-in scan and
+// the root's initialisation happen once per process, so every suite here is
+// its own CTest scenario with its own plug-in directory.
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+#include <lumiflux/camera.h>
+#include <lumiflux/plugin.h>
+
+#include "test_paths.h"
+
+namespace {
+
+using namespace Tevara::Lumiflux;
+namespace fs = std::filesystem;
+
+// The C functions of one loaded copy of the fixture camera module.
+struct FixturePlugin {
+    void* handle = nullptr;
+    template <typename F> F* fn(const char* name) const
+    {
+        void* symbol = dlsym(handle, name);
+        EXPECT_NE(symbol, nullptr) << name;
+        return reinterpret_cast<F*>(symbol);
+    }
+    void tag(const char* t) const { fn<void(const char*)>("fixtureSetTag")(t); }
+    void add(const char* id, int facing) const { fn<void(const char*, int)>("fixtureAddCamera")(id, facing); }
+    void failIndex(int index) const { fn<void(int)>("fixtureFailIndex")(index); }
+    void grow(int count) const { fn<void(int)>("fixtureGrowDuringEnumeration")(count); }
+    void failInit() const { fn<void(bool)>("fixtureFailInit")(true); }
+    void throwOnInfo(bool on) const { fn<void(bool)>("fixtureThrowOnInfo")(on); }
+    int initCalls() const { return fn<int()>("fixtureInitCalls")(); }
+    int openCalls() const { return fn<int()>("fixtureOpenCalls")(); }
+    void fireAdded(const char* id, int facing) const { fn<void(const char*, int)>("fixtureFireAdded")(id, facing); }
+    void fireRemoved(const char* id) const { fn<void(const char*)>("fixtureFireRemoved")(id); }
+};
+
+// Copies the fixture module `count` times into a fresh plug-in directory and
+// loads it; the copies come back in the order the plug-in manager loaded
+// them, which is the order the root enumerates them in.
+std::vector<FixturePlugin> loadFixtures(const std::string& name, int count)
+{
+    const std::string dir = lumiflux_test::freshDirectory(name);
+    for (int i = 0; i < count; ++i)
+        fs::copy_file(lumiflux_test::buildDir() + "/fixtures/fixture_camera_module.so",
+                      dir + "/camera" + std::to_string(i) + ".so");
+    setenv("LUMIFLUX_PLUGIN_DIR", dir.c_str(), 1);
+    std::vector<FixturePlugin> result;
+    for (const Plugin& plugin : PluginManager::get().listPlugins())
+        result.push_back(FixturePlugin{plugin.handle});
+    EXPECT_EQ(result.size(), static_cast<size_t>(count));
+    return result;
+}
+
+std::vector<CameraInfo> listCameras(CameraManager* manager)
+{
+    std::vector<CameraInfo> list;
+    const int count = manager->getNumberOfCameras();
+    for (int i = 0; i < count; ++i) {
+        CameraInfo info;
+        EXPECT_TRUE(manager->getCameraInfo(static_cast<unsigned>(i), info));
+        list.push_back(info);
+    }
+    return list;
+}
+
+std::vector<std::string> idsOf(const std::vector<CameraInfo>& list)
+{
+    std::vector<std::string> ids;
+    for (const auto& info : list)
+        ids.push_back(info.id);
+    return ids;
+}
+
+TEST(RootNoPlugins, ManagerExistsAndEveryCallFailsQuietly)
+{
+    setenv("LUMIFLUX_PLUGIN_DIR", (lumiflux_test::freshDirectory("root-none") + "/absent").c_str(), 1);
+    CameraManager* manager = LumifluxManager();
+    ASSERT_NE(manager, nullptr);
+    EXPECT_EQ(LumifluxManager(), manager);
+    CameraInfo info;
+    info.id = "untouched";
+    EXPECT_FALSE(manager->getCameraInfo(0, info));
+    EXPECT_EQ(manager->getNumberOfCameras(), 0);
+    EXPECT_FALSE(manager->getCameraInfo(0, info));
+    EXPECT_EQ(info.id, "untouched");
+    std::vector<CameraCapability> caps;
+    EXPECT_FALSE(manager->queryCapabilities("x", caps));
+    EXPECT_EQ(manager->openCamera("x"), nullptr);
+    EXPECT_TRUE(manager->getSupportedFormats("x").empty());
+    CameraCapabilityRanges ranges;
+    EXPECT_FALSE(manager->queryCapabilityRanges("x", PixelFormat::YUV420SemiPlanar, ranges));
+    CameraCapabilityEx found;
+    EXPECT_FALSE(manager->findClosestCapability("x", PixelFormat::YUV420SemiPlanar, CameraCapabilityEx{}, found,
+                                                CameraCapabilityPriority::WidthHeightFrameRate));
+}
+
+TEST(RootEnumeration, OrdersByFacingKeepsEnumerationOrderAndRoutesById)
+{
+    auto plugins = loadFixtures("root-order", 4);
+    ASSERT_EQ(plugins.size(), 4u);
+    const char* tags[] = {"p0", "p1", "p2", "p3"};
+    for (size_t i = 0; i < plugins.size(); ++i)
+        plugins[i].tag(tags[i]);
+    // Enumeration order, with the expected (stable) result derived from it.
+    plugins[0].add("a-back", 1);
+    plugins[0].add("a-ext", 2);
+    plugins[0].add("a-back2", 1);
+    plugins[0].add("dup", 1);
+    plugins[1].add("b-front", 0);
+    plugins[1].add("b-skipped", 0);
+    plugins[1].add("b-back", 1);
+    plugins[1].add("dup", 0);
+    plugins[1].add("b-neg", -3);
+    plugins[1].failIndex(1);
+    plugins[2].add("c-front", 0);
+    plugins[2].grow(2); // two "late" cameras (facing 5) appear while the root lists
+    plugins[3].add("never", -9);
+    plugins[3].failInit();
+
+    CameraManager* manager = LumifluxManager();
+    CameraInfo info;
+    EXPECT_FALSE(manager->getCameraInfo(0, info)) << "nothing is listed before getNumberOfCameras";
+    for (auto& plugin : plugins)
+        EXPECT_EQ(plugin.initCalls(), 1);
+
+    const auto list = listCameras(manager);
+    const std::vector<std::string> expected = {"b-neg", "b-front", "dup",   "c-front",  "a-back",  "a-back2",
+                                               "dup",   "b-back",  "a-ext", "p2-late0", "p2-late1"};
+    EXPECT_EQ(idsOf(list), expected);
+    ASSERT_EQ(list.size(), expected.size());
+    EXPECT_EQ(list[0].provider, "p1");
+    EXPECT_EQ(list[0].mountAngle, 90);
+    EXPECT_EQ(list[0].name, "camera b-neg");
+    EXPECT_EQ(list[0].description, "fixture");
+    EXPECT_EQ(list[2].provider, "p1"); // dup of facing 0 from the second plug-in
+    EXPECT_EQ(list[6].provider, "p0"); // dup of facing 1 from the first
+
+    // Out of range: false, record untouched.
+    info.id = "kept";
+    EXPECT_FALSE(manager->getCameraInfo(static_cast<unsigned>(list.size()), info));
+    EXPECT_EQ(info.id, "kept");
+
+    // The duplicated id reaches the later plug-in: its camera has facing 0.
+    const int openedBefore = plugins[1].openCalls();
+    auto camera = manager->openCamera("dup");
+    ASSERT_NE(camera, nullptr);
+    ASSERT_TRUE(camera->getInfo(info));
+    EXPECT_EQ(info.provider, "p1");
+    EXPECT_EQ(plugins[1].openCalls(), openedBefore + 1);
+    std::vector<CameraCapability> caps;
+    ASSERT_TRUE(manager->queryCapabilities("dup", caps));
+    ASSERT_EQ(caps.size(), 1u);
+    EXPECT_EQ(caps[0].width, 100u); // facing 0 + 100
+
+    // The base manager operations go through the owner's openCamera.
+    ASSERT_EQ(manager->getSupportedFormats("c-front").size(), 1u);
+    CameraCapabilityRanges ranges;
+    ASSERT_TRUE(manager->queryCapabilityRanges("a-ext", PixelFormat::YUV420SemiPlanar, ranges));
+    EXPECT_EQ(ranges.maxWidth, 102u);
+    CameraCapabilityEx found;
+    ASSERT_TRUE(manager->findClosestCapability("b-back", PixelFormat::YUV420SemiPlanar, CameraCapabilityEx{}, found,
+                                               CameraCapabilityPriority::WidthHeightFrameRate));
+    EXPECT_EQ(found.width, 101u);
+
+    // Unknown ids and the camera of the plug-in whose init failed.
+    EXPECT_EQ(manager->openCamera("never"), nullptr);
+    EXPECT_EQ(manager->openCamera("b-skipped"), nullptr) << "an index that failed is not routed";
+    EXPECT_FALSE(manager->queryCapabilities("", caps));
+
+    // Every call re-enumerates; the list is stable when nothing changed.
+    EXPECT_EQ(idsOf(listCameras(manager)), idsOf(list));
+    for (auto& plugin : plugins)
+        EXPECT_EQ(plugin.initCalls(), 1) << "init runs once";
+}
+
+TEST(RootEnumeration16, SixteenEqualFacingsKeepTheirOrder)
+{
+    auto plugins = loadFixtures("root-sixteen", 2);
+    ASSERT_EQ(plugins.size(), 2u);
+    std::vector<std::pair<std::string, int>> order;
+    // Facings interleaved so that an unstable sort would show.
+    for (int i = 0; i < 8; ++i) {
+        const std::string id = "first" + std::to_string(i);
+        plugins[0].add(id.c_str(), (i * 5) % 3);
+        order.emplace_back(id, (i * 5) % 3);
+    }
+    for (int i = 0; i < 8; ++i) {
+        const std::string id = "second" + std::to_string(i);
+        plugins[1].add(id.c_str(), (i * 7) % 3);
+        order.emplace_back(id, (i * 7) % 3);
+    }
+    std::stable_sort(order.begin(), order.end(), [](auto& a, auto& b) { return a.second < b.second; });
+    std::vector<std::string> expected;
+    for (auto& entry : order)
+        expected.push_back(entry.first);
+    EXPECT_EQ(idsOf(listCameras(LumifluxManager())), expected);
+
+    // Beyond 16 the order of equal facings is not promised, but the list is still sorted.
+    for (int i = 0; i < 40; ++i)
+        plugins[1].add(("more" + std::to_string(i)).c_str(), (i * 11) % 4);
+    const auto list = listCameras(LumifluxManager());
+    ASSERT_EQ(list.size(), 56u);
+    EXPECT_TRUE(std::is_sorted(list.begin(), list.end(), [](auto& a, auto& b) { return a.facing < b.facing; }));
+
+    // A plug-in that throws while listed: the exception reaches the caller
+    // and the lock is released, so the next enumeration runs (no deadlock).
+    plugins[1].throwOnInfo(true);
+    EXPECT_THROW(LumifluxManager()->getNumberOfCameras(), std::runtime_error);
+    plugins[1].throwOnInfo(false);
+    EXPECT_EQ(LumifluxManager()->getNumberOfCameras(), 56);
+}
+
+class RecordingListener : public CameraManagerListener {
+public:
+    explicit RecordingListener(CameraManager* m) : manager(m) {}
+    void onCameraAdded(const std::string& id) override { record("added", id); }
+    void onCameraRemoved(const std::string& id) override { record("removed", id); }
+
+    struct Event {
+        std::string kind, id;
+        std::thread::id thread;
+        std::vector<std::string> listAtCallback;
+    };
+    std::vector<Event> events;
+
+private:
+    void record(const char* kind, const std::string& id)
+    {
+        // Queries from inside the callback see the refreshed list.
+        std::vector<std::string> ids;
+        CameraInfo info;
+        for (unsigned i = 0; manager->getCameraInfo(i, info); ++i)
+            ids.push_back(info.id);
+        events.push_back({kind, id, std::this_thread::get_id(), ids});
+        manager->setListener(this); // the listener mutex is recursive
+    }
+    CameraManager* manager;
+};
+
+TEST(RootHotPlug, NotificationsFromAPluginThreadSeeTheRefreshedList)
+{
+    auto plugins = loadFixtures("root-hotplug", 2);
+    ASSERT_EQ(plugins.size(), 2u);
+    plugins[0].add("one", 1);
+    plugins[1].add("two", 1);
+    CameraManager* manager = LumifluxManager();
+    RecordingListener listener(manager);
+
+    // Before any enumeration the root is nobody's listener yet.
+    plugins[1].fireAdded("early", 0);
+    EXPECT_TRUE(listener.events.empty());
+
+    manager->setListener(&listener);
+    ASSERT_EQ(manager->getNumberOfCameras(), 3);
+    plugins[1].fireAdded("hot", 0);
+    plugins[0].fireRemoved("one");
+    manager->setListener(nullptr);
+    plugins[1].fireRemoved("two");
+
+    ASSERT_EQ(listener.events.size(), 2u);
+    EXPECT_EQ(listener.events[0].kind, "added");
+    EXPECT_EQ(listener.events[0].id, "hot");
+    EXPECT_NE(listener.events[0].thread, std::this_thread::get_id());
+    EXPECT_EQ(listener.events[0].listAtCallback, (std::vector<std::string>{"early", "hot", "one", "two"}));
+    EXPECT_EQ(listener.events[1].kind, "removed");
+    EXPECT_EQ(listener.events[1].id, "one");
+    EXPECT_EQ(listener.events[1].listAtCallback, (std::vector<std::string>{"early", "hot", "two"}));
+
+    // The last removal went unheard but still refreshed the list.
+    CameraInfo info;
+    EXPECT_EQ(manager->openCamera("two"), nullptr);
+    ASSERT_TRUE(manager->getCameraInfo(1, info));
+    EXPECT_EQ(info.id, "hot");
+    EXPECT_FALSE(manager->getCameraInfo(2, info));
+}
+
+} // namespace

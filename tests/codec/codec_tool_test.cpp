@@ -1,0 +1,138 @@
+// `lumiflux codecs`, `encode` and `decode`, run as a user runs them, over the
+// real lumiflux-gst-codecs module; ffprobe checks what they write.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "test_paths.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string tool()
+{
+    static const std::string prefix = [] {
+        const std::string dir = lumiflux_test::freshDirectory("tool-codecs");
+        fs::create_symlink(LUMIFLUX_GST_CODECS_MODULE, fs::path(dir) / "lumiflux-gst-codecs.so");
+        return "LUMIFLUX_NO_SYSLOG=0 LUMIFLUX_PLUGIN_DIR='" + dir + "' " LUMIFLUX_TOOL;
+    }();
+    return prefix;
+}
+
+std::vector<nlohmann::json> records(const std::string& output)
+{
+    std::vector<nlohmann::json> result;
+    std::istringstream lines(output);
+    std::string line;
+    while (std::getline(lines, line))
+        if (!line.empty())
+            result.push_back(nlohmann::json::parse(line));
+    return result;
+}
+
+int probeFrames(const std::string& file, std::string* codec)
+{
+    std::string out;
+    EXPECT_EQ(lumiflux_test::runCommand("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
+                                        "stream=codec_name,nb_read_frames -of csv=p=0 " +
+                                            file,
+                                        &out),
+              0)
+        << "ffprobe is missing or failed: run scripts/install-deps";
+    const auto comma = out.find(',');
+    if (comma == std::string::npos)
+        return -1;
+    *codec = out.substr(0, comma);
+    return std::stoi(out.substr(comma + 1));
+}
+
+TEST(CodecTool, ListsCodecsInPreferenceOrderWithParameters)
+{
+    std::string out;
+    ASSERT_EQ(lumiflux_test::runCommand(tool() + " codecs --json", &out), 0) << out;
+    const auto list = records(out);
+    ASSERT_GE(list.size(), 6u) << out;
+    for (std::size_t i = 1; i < list.size(); ++i)
+        EXPECT_GE(list[i - 1]["priority"].get<int>(), list[i]["priority"].get<int>());
+    bool sawEncoder = false;
+    for (const auto& record : list) {
+        EXPECT_EQ(record["event"], "codec");
+        EXPECT_EQ(record["hw"], false);
+        if (record["id"] == "gst.h264.openh264.enc") {
+            sawEncoder = true;
+            EXPECT_EQ(record["type"], "h264");
+            EXPECT_EQ(record["direction"], "encoder");
+            EXPECT_EQ(record["maxSize"], (nlohmann::json{4096, 2304}));
+            ASSERT_EQ(record["parameters"].size(), 4u);
+            EXPECT_EQ(record["parameters"][0]["name"], "bit-rate");
+            EXPECT_EQ(record["parameters"][0]["range"], "16000-100000000");
+        }
+    }
+    EXPECT_TRUE(sawEncoder);
+
+    ASSERT_EQ(lumiflux_test::runCommand(tool() + " codecs", &out), 0);
+    EXPECT_NE(out.find("gst.vp8.vpx.dec\n    vp8 decoder, software"), std::string::npos) << out;
+}
+
+TEST(CodecTool, EncodesAndDecodesH264AndVp8)
+{
+    const std::string dir = lumiflux_test::freshDirectory("tool-out");
+    std::string out;
+    std::string codec;
+
+    ASSERT_EQ(lumiflux_test::runCommand(tool() +
+                                            " encode pattern -c h264 --size 320x240 --frames 40 --bitrate 500000 "
+                                            "-o " +
+                                            dir + "/a.h264 --json",
+                                        &out),
+              0)
+        << out;
+    auto done = records(out).back();
+    EXPECT_EQ(done["event"], "done");
+    EXPECT_EQ(done["framesOut"], 40);
+    EXPECT_EQ(probeFrames(dir + "/a.h264", &codec), 40);
+    EXPECT_EQ(codec, "h264");
+
+    ASSERT_EQ(lumiflux_test::runCommand(tool() + " decode " + dir + "/a.h264 -o " + dir + "/a.yuv --json", &out), 0)
+        << out;
+    done = records(out).back();
+    EXPECT_EQ(done["frames"], 40);
+    EXPECT_EQ(fs::file_size(dir + "/a.yuv"), 40u * 320 * 240 * 3 / 2);
+
+    // The decoded NV12 file goes back in as raw input, through VP8 into IVF.
+    ASSERT_EQ(lumiflux_test::runCommand(
+                  tool() + " encode " + dir + "/a.yuv --format nv12 --size 320x240 -c vp8 -o " + dir + "/b.ivf", &out),
+              0)
+        << out;
+    EXPECT_NE(out.find("wrote 40 frames"), std::string::npos) << out;
+    EXPECT_EQ(probeFrames(dir + "/b.ivf", &codec), 40);
+    EXPECT_EQ(codec, "vp8");
+    ASSERT_EQ(lumiflux_test::runCommand(tool() + " decode " + dir + "/b.ivf -o " + dir + "/b.yuv", &out), 0) << out;
+    EXPECT_EQ(fs::file_size(dir + "/b.yuv"), 40u * 320 * 240 * 3 / 2);
+}
+
+TEST(CodecTool, FailuresAreNamed)
+{
+    const std::string dir = lumiflux_test::freshDirectory("tool-fail");
+    std::string out;
+    EXPECT_EQ(lumiflux_test::runCommand(tool() + " encode pattern -c h263 -o " + dir + "/x 2>&1", &out), 1);
+    EXPECT_NE(out.find("UnknownCodec"), std::string::npos) << out;
+    EXPECT_EQ(lumiflux_test::runCommand(tool() + " encode pattern --size 12 -o " + dir + "/x 2>&1", &out), 1);
+    EXPECT_NE(out.find("BadSize"), std::string::npos) << out;
+    EXPECT_EQ(lumiflux_test::runCommand(tool() + " encode pattern --bitrate 5 -o " + dir + "/x 2>&1", &out), 1);
+    EXPECT_NE(out.find("BadBitrate"), std::string::npos) << out;
+    EXPECT_EQ(lumiflux_test::runCommand("echo garbage > " + dir + "/g.h264; " + tool() + " decode " + dir +
+                                            "/g.h264 -o " + dir + "/g.yuv --json",
+                                        &out),
+              1);
+    EXPECT_EQ(records(out).back()["error"], "BadInput") << out;
+}
+
+} // namespace
