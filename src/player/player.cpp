@@ -38,6 +38,7 @@ Player::Impl::Impl()
 
 Player::Impl::~Impl()
 {
+    shuttingDown.exchange(true);
     if (discoverer) {
         // The player thread still runs and reports the discoveries under way
         // (each ends within the discoverer's 5 s timeout).

@@ -180,6 +180,10 @@ struct Player::Impl {
     std::condition_variable discoveryDone;
 
     std::deque<Task> tasks;
+    // Set first thing by the destructor: tasks still queued are dropped
+    // unrun, even those whose idle source the loop dispatches while the
+    // destructor lets it finish the discoveries under way.
+    std::atomic<bool> shuttingDown{false};
     std::array<std::atomic<int>, Task::Last> taskTypeCounter{};
 
     std::vector<std::function<void()>> pendingCleanups;

@@ -70,6 +70,10 @@ void Player::Impl::checkTaskQueue()
     while (!local.empty()) {
         Task task = std::move(local.front());
         local.pop_front();
+        if (shuttingDown.load()) {
+            --taskTypeCounter[task.type];
+            continue;
+        }
         auto& counter = taskTypeCounter[task.type];
         if (counter.load() <= 0) {
             LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "taskTypeCounter[taskTypeIndex] > 0" << std::endl;

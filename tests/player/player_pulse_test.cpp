@@ -2,8 +2,9 @@
 // PulseAudio daemon with a null sink, private runtime directory and socket,
 // and reads the player's stream back with pactl.
 
+#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,8 +18,6 @@
 
 #include "recording_listener.h"
 #include "test_paths.h"
-
-extern char** environ;
 
 using namespace std::chrono_literals;
 using namespace lumiflux_test;
@@ -51,7 +50,21 @@ public:
         for (auto& e : env)
             envp.push_back(e.data());
         envp.push_back(nullptr);
-        started = posix_spawnp(&pid, "pulseaudio", nullptr, nullptr, argv.data(), envp.data()) == 0;
+        const std::string log = dir + "/pulseaudio.log";
+        pid = fork();
+        if (pid == 0) {
+            // The server must not outlive a test process that dies, nor keep
+            // its output pipes (CTest waits for them to close).
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            if (fd >= 0) {
+                dup2(fd, 1);
+                dup2(fd, 2);
+            }
+            execvpe("pulseaudio", argv.data(), envp.data());
+            _exit(127);
+        }
+        started = pid > 0;
     }
     ~PulseServer()
     {
@@ -71,6 +84,11 @@ public:
     bool waitReady()
     {
         for (int i = 0; i < 200 && started; ++i) {
+            int status = 0;
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                started = false;
+                return false;
+            }
             std::string out;
             if (runCommand("PULSE_SERVER=unix:" + socket + " pactl info >/dev/null 2>&1", &out) == 0)
                 return true;
@@ -100,8 +118,10 @@ template <typename Predicate> bool waitForPactl(PulseServer& server, Predicate p
 TEST(PlayerPulse, StreamCarriesMediaRoleAndMutes)
 {
     PulseServer server;
-    ASSERT_TRUE(server.started) << "pulseaudio is not installed (scripts/install-deps provides it)";
-    ASSERT_TRUE(server.waitReady()) << "the private sound server did not start";
+    ASSERT_TRUE(server.started) << "cannot start a process";
+    ASSERT_TRUE(server.waitReady()) << "the private sound server did not start (pulseaudio is installed by "
+                                       "scripts/install-deps); see "
+                                    << server.dir << "/pulseaudio.log";
     setenv("PULSE_SERVER", ("unix:" + server.socket).c_str(), 1);
 
     RecordingListener listener;
