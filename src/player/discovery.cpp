@@ -33,12 +33,43 @@ void Player::Impl::startAsyncDiscovery()
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Can't discover uri: " << uri << std::endl;
 }
 
+void Player::Impl::abortDiscoveries()
+{
+    // A discovery waiting on a server that never answers would hold the
+    // destructor for the discoverer's whole timeout. An error posted by its
+    // source ends it at once: the discoverer reports the URI as failed and
+    // tears its pipeline down, which cancels the request.
+    {
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        if (pendingDiscoveries == 0)
+            return;
+    }
+    GstElement* source = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(discovererSourceMutex);
+        if (!discovererSource)
+            return;
+        source = GST_ELEMENT(gst_object_ref(discovererSource));
+    }
+    GError* error = g_error_new_literal(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ, "Player destroyed");
+    gst_element_post_message(source, gst_message_new_error(GST_OBJECT(source), error, "discovery aborted"));
+    g_error_free(error);
+    gst_object_unref(source);
+}
+
 void Player::Impl::onDiscovered(GstDiscoverer*, GstDiscovererInfo* info, GError* error, Impl* impl)
 {
     {
         std::lock_guard<std::mutex> lock(impl->discoveryMutex);
         if (impl->pendingDiscoveries > 0)
             --impl->pendingDiscoveries;
+    }
+    {
+        std::lock_guard<std::mutex> lock(impl->discovererSourceMutex);
+        if (impl->discovererSource) {
+            gst_object_unref(impl->discovererSource);
+            impl->discovererSource = nullptr;
+        }
     }
     impl->discoveryDone.notify_all();
     // Discovery only learns the duration early; playback never depends on it.

@@ -220,6 +220,12 @@ void Player::Impl::handleDiscovererSourceSetup(GstDiscoverer*, GstElement* sourc
     const char* factoryName = factoryNameOf(source);
     if (factoryName)
         impl->setupHttpSource(factoryName, source);
+    // Kept so that the destructor can end a discovery stuck on a server that
+    // does not answer (see abortDiscoveries).
+    std::lock_guard<std::mutex> lock(impl->discovererSourceMutex);
+    if (impl->discovererSource)
+        gst_object_unref(impl->discovererSource);
+    impl->discovererSource = GST_ELEMENT(gst_object_ref(source));
 }
 
 bool Player::Impl::setupHttpSource(const char* factoryName, GstElement* element)

@@ -1,5 +1,7 @@
 #include <lumiflux/player.h>
 
+#include <mutex>
+
 #include <lumiflux/log.h>
 
 #include "core/log_macros.h"
@@ -25,6 +27,15 @@ VideoSink::~VideoSink() = default;
 Player::Impl::Impl()
 {
     LogInit();
+    // Once per process, before any player thread builds a pipeline: GStreamer
+    // may report itself initialised while another thread is still scanning
+    // its registry, and players created at the same moment then find no
+    // element factories.
+    static std::once_flag gstreamerInitialised;
+    std::call_once(gstreamerInitialised, [] {
+        if (!gst_is_initialized())
+            gst_init(nullptr, nullptr);
+    });
     mainContext = g_main_context_new();
 
     positionSource = g_timeout_source_new(100);
@@ -41,13 +52,21 @@ Player::Impl::~Impl()
     shuttingDown.exchange(true);
     if (discoverer) {
         // The player thread still runs and reports the discoveries under way
-        // (each ends within the discoverer's 5 s timeout).
+        // (each ends within the discoverer's 5 s timeout, or at once when
+        // aborted).
+        abortDiscoveries();
         {
             std::unique_lock<std::mutex> lock(discoveryMutex);
             discoveryDone.wait_for(lock, std::chrono::seconds(6), [this] { return pendingDiscoveries == 0; });
         }
         g_object_unref(discoverer);
         discoverer = nullptr;
+    }
+    {
+        std::lock_guard<std::mutex> lock(discovererSourceMutex);
+        if (discovererSource)
+            gst_object_unref(discovererSource);
+        discovererSource = nullptr;
     }
     // Quit at a priority above every queued task's idle source, so that the
     // loop's next iteration dispatches only this and queued tasks are dropped.
@@ -68,8 +87,6 @@ Player::Impl::~Impl()
 
 void Player::Impl::loop()
 {
-    if (!gst_is_initialized())
-        gst_init(nullptr, nullptr);
     g_main_context_push_thread_default(mainContext);
     mainLoop = g_main_loop_new(mainContext, FALSE);
     g_main_loop_run(mainLoop);

@@ -102,6 +102,7 @@ struct Player::Impl {
 
     // ---- discovery and tracks (discovery.cpp, track_selection.cpp)
     void startAsyncDiscovery();
+    void abortDiscoveries();
     static void onDiscovered(GstDiscoverer* discoverer, GstDiscovererInfo* info, GError* error, Impl* impl);
     void handleStreamCollection(GstMessage* message);
     void onMediaInfoReady(MediaInfo& info);
@@ -176,6 +177,11 @@ struct Player::Impl {
     // can deadlock inside GStreamer (it changes its pipeline's state under a
     // lock that the pipeline's own callbacks take).
     int pendingDiscoveries = 0;
+    // The source of the discovery under way (a reference), or null. Its own
+    // lock: the discoverer sets the source up while discoveryMutex is held by
+    // the queuing of the URI.
+    GstElement* discovererSource = nullptr;
+    std::mutex discovererSourceMutex;
     std::mutex discoveryMutex;
     std::condition_variable discoveryDone;
 
