@@ -19,9 +19,9 @@ done
 # The H.264 encoder has been seen to hang now and then at the end of its
 # stream on a loaded machine: each attempt is bounded, and repeated.
 made=no
-for attempt in 1 2 3; do
+for attempt in 1 2 3 4 5; do
   rm -rf "$tmp/hls"; mkdir -p "$tmp/hls"
-  if timeout 60 gst-launch-1.0 -q videotestsrc num-buffers=60 \
+  if timeout 20 gst-launch-1.0 -q videotestsrc num-buffers=60 \
       ! video/x-raw,width=160,height=120,framerate=30/1 ! openh264enc gop-size=15 ! h264parse \
       ! hlssink2 target-duration=1 max-files=0 playlist-length=0 \
           location="$tmp/hls/segment%05d.ts" playlist-location="$tmp/hls/playlist.m3u8"; then
