@@ -32,7 +32,9 @@ namespace Tevara::Lumiflux {
 /** Component prefix of every player log line. */
 inline constexpr const char* kPlayerLog = "[lumiflux-player] ";
 
-struct Player::Impl {
+// Hidden although Player is exported: a nested class takes its enclosing
+// class's visibility, and nothing of Impl is part of the binary interface.
+struct __attribute__((visibility("hidden"))) Player::Impl {
     struct Task {
         enum Type : std::uint32_t {
             Init = 0,
