@@ -25,6 +25,7 @@
 #include <lumiflux/media_info.h>
 #include <lumiflux/player.h>
 
+#include "core/glib_ref.h"
 #include "player/sink_entry.h"
 
 namespace Tevara::Lumiflux {
@@ -168,7 +169,11 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     std::atomic<GstElement*> videoconvert{nullptr};
     std::atomic<GstElement*> videoSinkElement{nullptr};
     std::atomic<GstElement*> outputBin{nullptr};
-    std::atomic<GstElement*> audioMuteElement{nullptr};
+    // Held with a reference of our own: the audio sink may drop a PulseAudio
+    // sink it tried and could not open, and a later ApplyMute must not touch
+    // freed memory.
+    Internal::Ref<GstElement> audioMuteElement;
+    std::mutex audioMuteMutex;
     std::atomic<GstElement*> adaptiveDemuxer{nullptr};
     std::atomic<GstElement*> httpSource{nullptr};
 
