@@ -4,7 +4,6 @@
 // second and the time from the start request to the first frame, then the
 // ratios ours / direct.
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -218,19 +217,18 @@ void BM_DirectCpuPerPlayedSecond(benchmark::State& state)
     record(state, "direct_cpu_per_played_s", total, runs);
 }
 
-void playerFirstFrame(benchmark::State& state, bool viaFd)
+void BM_PlayerFirstFrame(benchmark::State& state)
 {
     double total = 0;
     int runs = 0;
     for (auto _ : state) {
-        const int fd = viaFd ? ::open(mediaPath().c_str(), O_RDONLY | O_CLOEXEC) : -1;
         {
             BenchListener listener;
             Player player;
             player.setListener(&listener);
             player.setVideoSink(&listener);
             const auto start = Clock::now();
-            player.play(viaFd ? "fd://" + std::to_string(fd) : mediaUri());
+            player.play(mediaUri());
             player.pause();
             if (!listener.firstFrame.wait())
                 state.SkipWithError("no frame");
@@ -240,23 +238,8 @@ void playerFirstFrame(benchmark::State& state, bool viaFd)
             ++runs;
             player.reset();
         }
-        // Only once the player, and the pipeline reading it, are gone.
-        if (fd >= 0)
-            ::close(fd);
     }
-    record(state, viaFd ? "ours_fd_first_frame_ms" : "ours_first_frame_ms", total, runs);
-}
-
-void BM_PlayerFirstFrame(benchmark::State& state)
-{
-    playerFirstFrame(state, false);
-}
-
-// The same through an fd:// URI, which is never discovered: shows what the
-// concurrent discovery costs the first frame.
-void BM_PlayerFirstFrameNoDiscovery(benchmark::State& state)
-{
-    playerFirstFrame(state, true);
+    record(state, "ours_first_frame_ms", total, runs);
 }
 
 void BM_DirectFirstFrame(benchmark::State& state)
@@ -283,7 +266,6 @@ BENCHMARK(BM_DirectCpuPerPlayedSecond)->Iterations(3)->UseManualTime()->Unit(ben
 BENCHMARK(BM_PlayerCpuPerPlayedSecond)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DirectFirstFrame)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlayerFirstFrame)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PlayerFirstFrameNoDiscovery)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv)
 {
@@ -303,10 +285,6 @@ int main(int argc, char** argv)
         std::printf("Time to first frame: ours %.1f ms, direct %.1f ms, ratio %.3f (goal <= 1.10)\n",
                     results["ours_first_frame_ms"], results["direct_first_frame_ms"],
                     results["ours_first_frame_ms"] / results["direct_first_frame_ms"]);
-        if (results.count("ours_fd_first_frame_ms"))
-            std::printf("Time to first frame without discovery (fd://): ours %.1f ms, ratio %.3f\n",
-                        results["ours_fd_first_frame_ms"],
-                        results["ours_fd_first_frame_ms"] / results["direct_first_frame_ms"]);
     }
     benchmark::Shutdown();
     return 0;

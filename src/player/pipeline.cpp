@@ -168,7 +168,10 @@ void Player::Impl::destroyPipeline()
     videoconvert.store(nullptr);
     videoSinkElement.store(nullptr);
     outputBin.store(nullptr);
-    audioMuteElement.store(nullptr);
+    {
+        std::lock_guard<std::mutex> lock(audioMuteMutex);
+        audioMuteElement.reset();
+    }
     adaptiveDemuxer.store(nullptr);
     httpSource.store(nullptr);
 }
@@ -191,7 +194,10 @@ void Player::Impl::handleElementAdded(GstBin*, GstElement* element, Impl* impl)
         // Lifetime of the nested bin, inside the pipeline: no disconnection needed.
         g_signal_connect(element, "element-added", G_CALLBACK(&Impl::handleElementAdded), impl);
     } else if (endsWith(name, "sink-pulse")) {
-        impl->audioMuteElement.store(element);
+        {
+            std::lock_guard<std::mutex> lock(impl->audioMuteMutex);
+            impl->audioMuteElement = Internal::Ref<GstElement>::share(element);
+        }
         GstStructure* properties = nullptr;
         g_object_get(element, "stream-properties", &properties, nullptr);
         if (properties)

@@ -25,6 +25,7 @@
 #include <lumiflux/media_info.h>
 #include <lumiflux/player.h>
 
+#include "core/glib_ref.h"
 #include "player/sink_entry.h"
 
 namespace Tevara::Lumiflux {
@@ -32,7 +33,9 @@ namespace Tevara::Lumiflux {
 /** Component prefix of every player log line. */
 inline constexpr const char* kPlayerLog = "[lumiflux-player] ";
 
-struct Player::Impl {
+// Hidden although Player is exported: a nested class takes its enclosing
+// class's visibility, and nothing of Impl is part of the binary interface.
+struct __attribute__((visibility("hidden"))) Player::Impl {
     struct Task {
         enum Type : std::uint32_t {
             Init = 0,
@@ -167,7 +170,11 @@ struct Player::Impl {
     std::atomic<GstElement*> videoconvert{nullptr};
     std::atomic<GstElement*> videoSinkElement{nullptr};
     std::atomic<GstElement*> outputBin{nullptr};
-    std::atomic<GstElement*> audioMuteElement{nullptr};
+    // Held with a reference of our own: the audio sink may drop a PulseAudio
+    // sink it tried and could not open, and a later ApplyMute must not touch
+    // freed memory.
+    Internal::Ref<GstElement> audioMuteElement;
+    std::mutex audioMuteMutex;
     std::atomic<GstElement*> adaptiveDemuxer{nullptr};
     std::atomic<GstElement*> httpSource{nullptr};
 

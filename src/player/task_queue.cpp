@@ -142,12 +142,13 @@ void Player::Impl::runTask(Task& task)
         applyPlaybackRate();
         break;
     case Task::ApplyMute: {
-        GstElement* element = audioMuteElement.load();
-        if (element) {
-            gst_object_ref(element);
-            g_object_set(element, "mute", mute.load() ? TRUE : FALSE, nullptr);
-            gst_object_unref(element);
+        Internal::Ref<GstElement> element;
+        {
+            std::lock_guard<std::mutex> lock(audioMuteMutex);
+            element = audioMuteElement;
         }
+        if (element)
+            g_object_set(element.get(), "mute", mute.load() ? TRUE : FALSE, nullptr);
         break;
     }
     case Task::SelectTracks:
