@@ -19,6 +19,29 @@ std::uint16_t planeStride(GstVideoFrame* frame, int plane)
     return static_cast<std::uint16_t>(GST_VIDEO_FRAME_PLANE_STRIDE(frame, plane));
 }
 
+// What both views do on destruction: unmap only a successful mapping, then
+// drop their own buffer reference.
+void releaseView(GstVideoFrame* frame, bool mapped, GstBuffer* buffer)
+{
+    if (mapped)
+        gst_video_frame_unmap(frame);
+    if (buffer)
+        gst_buffer_unref(buffer);
+}
+
+// Maps (again) for reading: a second map() replaces the first mapping.
+bool mapForReading(GstVideoFrame* frame, bool* mapped, GstBuffer* buffer, GstVideoInfo* info)
+{
+    if (*mapped) {
+        gst_video_frame_unmap(frame);
+        *mapped = false;
+    }
+    if (!buffer || !info || !gst_video_frame_map(frame, info, buffer, GST_MAP_READ))
+        return false;
+    *mapped = true;
+    return true;
+}
+
 } // namespace
 
 // The record is cleared although readers go by `fourcc`: planes a layout
@@ -30,23 +53,13 @@ GstFrame::GstFrame(GstBuffer* gstBuffer, GstVideoInfo* videoInfo)
 
 GstFrame::~GstFrame()
 {
-    if (mapped)
-        gst_video_frame_unmap(&frame);
-    if (buffer)
-        gst_buffer_unref(buffer);
+    releaseView(&frame, mapped, buffer);
 }
 
 bool GstFrame::map()
 {
-    if (mapped) {
-        gst_video_frame_unmap(&frame);
-        mapped = false;
-    }
-    if (!buffer || !info)
+    if (!mapForReading(&frame, &mapped, buffer, info))
         return false;
-    if (!gst_video_frame_map(&frame, info, buffer, GST_MAP_READ))
-        return false;
-    mapped = true;
     timestamp = GST_BUFFER_PTS(buffer) / 1000;
 
     const auto width = static_cast<std::uint16_t>(GST_VIDEO_INFO_WIDTH(info));
@@ -92,23 +105,13 @@ GstYCbCrFrame::GstYCbCrFrame(GstBuffer* gstBuffer, GstVideoInfo* videoInfo)
 
 GstYCbCrFrame::~GstYCbCrFrame()
 {
-    if (mapped)
-        gst_video_frame_unmap(&frame);
-    if (buffer)
-        gst_buffer_unref(buffer);
+    releaseView(&frame, mapped, buffer);
 }
 
 bool GstYCbCrFrame::map()
 {
-    if (mapped) {
-        gst_video_frame_unmap(&frame);
-        mapped = false;
-    }
-    if (!buffer || !info)
+    if (!mapForReading(&frame, &mapped, buffer, info))
         return false;
-    if (!gst_video_frame_map(&frame, info, buffer, GST_MAP_READ))
-        return false;
-    mapped = true;
     y = planeData(&frame, 0);
     cb = planeData(&frame, 1);
     yStride = planeStride(&frame, 0);
