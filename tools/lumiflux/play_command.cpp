@@ -85,18 +85,23 @@ public:
     void onMediaInfo(const MediaInfo& info) override
     {
         std::lock_guard<std::mutex> lock(mutex);
-        clearProgress();
+        mediaInfoSeen = true;
+        changed.notify_all();
         nlohmann::json tracks = nlohmann::json::array();
-        out.text("tracks of " + info.uri() + ":");
-        for (const TrackInfo& track : info.tracks()) {
+        for (const TrackInfo& track : info.tracks())
             tracks.push_back(trackRecord(track));
+        // The player reports the media information again as streams and tags
+        // are collected; the list is printed when it says something new.
+        if (tracks == lastTracks)
+            return;
+        lastTracks = tracks;
+        clearProgress();
+        out.text("tracks of " + info.uri() + ":");
+        for (const TrackInfo& track : info.tracks())
             out.text(trackLine(track));
-        }
         if (info.tracks().empty())
             out.text("  none");
         out.record({{"event", "mediaInfo"}, {"uri", info.uri()}, {"tracks", tracks}});
-        mediaInfoSeen = true;
-        changed.notify_all();
     }
     void onTracksSelected(const std::vector<int>& trackIds) override
     {
@@ -167,6 +172,7 @@ public:
     std::condition_variable changed;
     PlayerState state = PlayerState::Empty;
     bool mediaInfoSeen = false;
+    nlohmann::json lastTracks;
     bool playingSeen = false;
     bool ended = false;
     std::optional<PlayerError> error;
@@ -279,7 +285,8 @@ int play(const PlayOptions& options, Output& out)
     player->setAutoRepeat(options.repeat);
     out.text("playing " + uri);
     out.record({{"event", "playing"}, {"uri", uri}});
-    player->play(uri, headers);
+    player->setUri(uri, headers);
+    player->play();
 
     bool tracksAsked = options.tracks.empty();
     bool playingSetUp = false;
