@@ -14,7 +14,9 @@
 #include <lumiflux/gst_graphic_buffer.h>
 #include <lumiflux/h264_reader.h>
 #include <lumiflux/log.h>
+#include <lumiflux/media_info.h>
 #include <lumiflux/parameters.h>
+#include <lumiflux/player.h>
 #include <lumiflux/plugin.h>
 #include <lumiflux/sysinfo.h>
 #include <lumiflux/types.h>

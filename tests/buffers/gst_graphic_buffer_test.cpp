@@ -389,6 +389,9 @@ TEST_F(GstGraphicBufferTest, ViewOutlivesBufferAndPipeline)
         SourceFrame source;
         ASSERT_TRUE(pullFrame(caps("I420", 320, 240), &source));
         info = source.info;
+        // A frame of the pipeline's, but outside its buffer pool: a pooled
+        // buffer is recycled, not freed, so its end could not be watched.
+        source.buffer = Ref<GstBuffer>::adopt(gst_buffer_copy_deep(source.buffer.get()));
         GstGraphicBuffer buffer(source.buffer.get(), &info);
         frame = buffer.mapFrame();
         ycbcr = buffer.mapYCbCr();

@@ -1,0 +1,63 @@
+#include "core/glib_ref.h"
+#include "core/log_macros.h"
+#include "player/player_impl.h"
+
+namespace Tevara::Lumiflux {
+
+void Player::Impl::handleHandoff(GstElement*, GstBuffer* buffer, GstPad* pad, Impl* impl)
+{
+    impl->handOff(buffer, pad, false);
+}
+
+void Player::Impl::handlePrerollHandoff(GstElement*, GstBuffer* buffer, GstPad* pad, Impl* impl)
+{
+    impl->handOff(buffer, pad, true);
+}
+
+// Runs on the fake sink's streaming thread. Locks are held only to pick the
+// factory; the application is called with none held.
+void Player::Impl::handOff(GstBuffer* buffer, GstPad* pad, bool preroll)
+{
+    VideoSink* sink = videoSink.load();
+    if (!sink || !buffer || !pad)
+        return;
+    try {
+        Internal::Ref<GstCaps> caps = Internal::Ref<GstCaps>::adopt(gst_pad_get_current_caps(pad));
+        if (!caps)
+            return;
+        const int track = currentVideoTrack.load();
+        std::shared_ptr<SinkEntry> entry;
+        {
+            std::lock_guard<std::mutex> lock(sinkMutex);
+            if (track >= 0 && static_cast<size_t>(track) < sinkEntries.size())
+                entry = sinkEntries[static_cast<size_t>(track)];
+            else
+                entry = unassignedSinkEntry;
+        }
+        std::shared_ptr<GraphicBufferFactory> factory;
+        {
+            std::lock_guard<std::mutex> lock(entry->mutex);
+            if (!entry->factory || !entry->factory->matches(caps.get()))
+                entry->factory = GraphicBufferFactory::fromCaps(caps.get());
+            factory = entry->factory;
+        }
+        if (!factory)
+            return;
+        VideoFrame frame;
+        frame.buffer = factory->create(buffer);
+        if (!frame.buffer)
+            return;
+        frame.trackId = track;
+        frame.format = fourcc('N', 'V', '1', '2');
+        frame.width = frame.buffer->width;
+        frame.height = frame.buffer->height;
+        frame.timestamp = std::chrono::microseconds(frame.buffer->timestamp);
+        sink->onFrame(frame, preroll);
+    } catch (const std::exception& e) {
+        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "frame hand-off failed: " << e.what() << std::endl;
+    } catch (...) {
+        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "frame hand-off failed" << std::endl;
+    }
+}
+
+} // namespace Tevara::Lumiflux

@@ -1,0 +1,21 @@
+#pragma once
+
+// What the frame hand-off keeps per track: the graphic-buffer factory made
+// from the caps last negotiated for it. Frames keep their factory's video
+// information alive themselves, so replacing the factory on a caps change, or
+// the whole list on a new stream collection, never invalidates a frame the
+// application still holds.
+
+#include <memory>
+#include <mutex>
+
+#include <lumiflux/gst_graphic_buffer.h>
+
+namespace Tevara::Lumiflux {
+
+struct SinkEntry {
+    std::mutex mutex;
+    std::shared_ptr<GraphicBufferFactory> factory;
+};
+
+} // namespace Tevara::Lumiflux

@@ -1,0 +1,163 @@
+// State sequences, position and duration reports, seeks and the task queue,
+// on a real playbin3 pipeline playing media made at test time.
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "recording_listener.h"
+#include "syslog_capture.h"
+
+using namespace std::chrono_literals;
+using namespace lumiflux_test;
+
+namespace {
+
+constexpr auto kMediaLength = 3s;
+
+class PlayerPlayback : public ::testing::Test {
+protected:
+    void SetUp() override { player.setListener(&listener); }
+    void TearDown() override { player.setListener(nullptr); }
+
+    // Every task before this one has run once the error it provokes arrives:
+    // selecting nothing always fails, on the player thread, in queue order.
+    void waitForQueue()
+    {
+        size_t before = listener.snapshot(listener.errors).size();
+        player.selectTracks({});
+        ASSERT_TRUE(listener.waitFor([&] { return listener.errors.size() > before; }));
+    }
+
+    RecordingListener listener;
+    Player player;
+};
+
+TEST_F(PlayerPlayback, SetUriThenPauseStaysPaused)
+{
+    player.setUri(mediaUri("media.mkv"));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
+    ASSERT_TRUE(listener.waitFor([&] { return !listener.mediaInfos.empty(); }));
+    // Nothing may start playback now that the tracks are known.
+    EXPECT_FALSE(listener.waitForState(PlayerState::Playing, 1500ms));
+    EXPECT_EQ(player.getState(), PlayerState::Paused);
+    EXPECT_EQ(listener.stateSequence(), std::vector<PlayerState>{PlayerState::Paused});
+}
+
+TEST_F(PlayerPlayback, PlayUriThenPauseStartsOnceTracksAreKnownAndEndsInEos)
+{
+    player.play(mediaUri("media.mkv"));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    EXPECT_FALSE(listener.snapshot(listener.mediaInfos).empty()) << "played before the stream collection";
+    ASSERT_TRUE(listener.waitForState(PlayerState::EOS));
+    const auto sequence = listener.stateSequence();
+    EXPECT_EQ(sequence, (std::vector<PlayerState>{PlayerState::Paused, PlayerState::Playing, PlayerState::EOS}));
+    EXPECT_EQ(player.getState(), PlayerState::EOS);
+
+    // Positions came while playing, rising, and reached the end.
+    const auto positions = listener.snapshot(listener.positions);
+    const auto whilePlaying = listener.snapshot(listener.positionStates);
+    ASSERT_GE(positions.size(), 5u);
+    EXPECT_TRUE(std::is_sorted(positions.begin(), positions.end()));
+    EXPECT_GE(std::count(whilePlaying.begin(), whilePlaying.end(), PlayerState::Playing), 5);
+    EXPECT_GT(positions.back(), kMediaLength - 500ms);
+
+    // The duration, from discovery and from the bus, is reported once per value.
+    const auto durations = listener.snapshot(listener.durations);
+    ASSERT_FALSE(durations.empty());
+    EXPECT_EQ(std::adjacent_find(durations.begin(), durations.end()), durations.end());
+    EXPECT_NEAR(std::chrono::duration<double>(durations.back()).count(), 3.0, 0.15);
+
+    // Play after the end: the next pause is a plain pause again.
+    player.seek(0us);
+    player.play();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
+    EXPECT_EQ(listener.stateSequence().back(), PlayerState::Paused);
+}
+
+TEST_F(PlayerPlayback, AutoRepeatRestartsWithoutEosOrPause)
+{
+    player.play(mediaUri("media.mkv"));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    // Set after Init, which resets it for every new medium.
+    player.setAutoRepeat(true);
+    EXPECT_TRUE(player.getAutoRepeat());
+    ASSERT_TRUE(listener.waitFor([&] {
+        const auto& p = listener.positions;
+        auto late = std::find_if(p.begin(), p.end(), [](auto v) { return v > kMediaLength - 800ms; });
+        return late != p.end() && std::any_of(late, p.end(), [](auto v) { return v < 1s; });
+    })) << "the position never returned to the start";
+    const auto sequence = listener.stateSequence();
+    EXPECT_EQ(sequence, (std::vector<PlayerState>{PlayerState::Paused, PlayerState::Playing}));
+    player.stop();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Empty));
+}
+
+TEST_F(PlayerPlayback, PositionReportedOnceOnPauseAndSeekLandsWhereAsked)
+{
+    player.play(mediaUri("media.mkv"));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    ASSERT_TRUE(listener.waitFor([&] { return listener.positions.size() >= 3; }));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
+    const size_t atPause = listener.snapshot(listener.positions).size();
+    // No polling while paused.
+    EXPECT_FALSE(listener.waitFor([&] { return listener.positions.size() > atPause; }, 700ms));
+
+    player.seek(2s);
+    player.play();
+    ASSERT_TRUE(listener.waitFor([&] {
+        for (size_t i = atPause; i < listener.positions.size(); ++i)
+            if (listener.positionStates[i] == PlayerState::Playing)
+                return true;
+        return false;
+    }));
+    const auto positions = listener.snapshot(listener.positions);
+    const auto states = listener.snapshot(listener.positionStates);
+    for (size_t i = atPause; i < positions.size(); ++i) {
+        if (states[i] != PlayerState::Playing)
+            continue;
+        EXPECT_GE(positions[i], 2s - 50ms) << "first position after the seek";
+        EXPECT_LT(positions[i], 2s + 600ms);
+        break;
+    }
+}
+
+TEST_F(PlayerPlayback, StopResetsMuteRepeatAndRate)
+{
+    player.setUri(mediaUri("media.mkv"));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
+    player.setMute(true);
+    player.setAutoRepeat(true);
+    player.setPlaybackRate(2.0);
+    EXPECT_TRUE(player.getMute());
+    EXPECT_TRUE(player.getAutoRepeat());
+    EXPECT_EQ(player.getPlaybackRate(), 2.0);
+    player.stop();
+    waitForQueue();
+    EXPECT_EQ(player.getState(), PlayerState::Empty);
+    EXPECT_EQ(listener.stateSequence().back(), PlayerState::Empty);
+    EXPECT_FALSE(player.getMute());
+    EXPECT_FALSE(player.getAutoRepeat());
+    EXPECT_EQ(player.getPlaybackRate(), 1.0);
+    // With no pipeline, transport calls do nothing and report nothing.
+    const size_t errors = listener.snapshot(listener.errors).size();
+    const size_t states = listener.snapshot(listener.states).size();
+    player.play();
+    player.pause();
+    player.seek(1s);
+    waitForQueue();
+    EXPECT_EQ(listener.snapshot(listener.errors).size(), errors + 1);
+    EXPECT_EQ(listener.snapshot(listener.states).size(), states);
+}
+
+} // namespace

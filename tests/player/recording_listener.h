@@ -1,0 +1,117 @@
+#pragma once
+
+// A PlayerListener that records every call, and lets a test wait (with a
+// generous timeout) until a condition on the record holds.
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <lumiflux/player.h>
+
+namespace lumiflux_test {
+
+using namespace Tevara::Lumiflux;
+
+struct RecordedError {
+    PlayerError error;
+    std::string message;
+};
+
+class RecordingListener : public PlayerListener {
+public:
+    static constexpr std::chrono::seconds kTimeout{30};
+
+    void onMediaInfo(const MediaInfo& info) override
+    {
+        record([&] { mediaInfos.push_back(info); });
+    }
+    void onTracksSelected(const std::vector<int>& ids) override
+    {
+        record([&] { selections.push_back(ids); });
+    }
+    void onStateChanged(PlayerState from, PlayerState to) override
+    {
+        record([&] { states.emplace_back(from, to); });
+    }
+    void onDurationChanged(std::chrono::microseconds d) override
+    {
+        record([&] { durations.push_back(d); });
+    }
+    void onPositionChanged(std::chrono::microseconds p) override
+    {
+        record([&] {
+            positions.push_back(p);
+            positionStates.push_back(states.empty() ? PlayerState::Empty : states.back().second);
+        });
+    }
+    void onBufferingChanged(int percent) override
+    {
+        record([&] { buffering.push_back(percent); });
+    }
+    void onError(PlayerError error, const std::string& message) override
+    {
+        record([&] { errors.push_back({error, message}); });
+    }
+
+    /** Waits until `condition` (called under the lock) holds; false on timeout. */
+    bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kTimeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, timeout, condition);
+    }
+    bool waitForState(PlayerState state, std::chrono::milliseconds timeout = kTimeout)
+    {
+        return waitFor([&] { return !states.empty() && states.back().second == state; }, timeout);
+    }
+    bool waitForError(std::chrono::milliseconds timeout = kTimeout)
+    {
+        return waitFor([&] { return !errors.empty(); }, timeout);
+    }
+    /** Copy of a recorded list, taken under the lock. */
+    template <typename T> T snapshot(const T& field)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return field;
+    }
+    std::vector<PlayerState> stateSequence()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<PlayerState> sequence;
+        for (const auto& change : states)
+            sequence.push_back(change.second);
+        return sequence;
+    }
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<MediaInfo> mediaInfos;
+    std::vector<std::vector<int>> selections;
+    std::vector<std::pair<PlayerState, PlayerState>> states;
+    std::vector<std::chrono::microseconds> durations;
+    std::vector<std::chrono::microseconds> positions;
+    std::vector<PlayerState> positionStates;
+    std::vector<int> buffering;
+    std::vector<RecordedError> errors;
+
+private:
+    void record(const std::function<void()>& change)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            change();
+        }
+        changed.notify_all();
+    }
+};
+
+/** The directory the media fixture writes into. */
+std::string mediaDir();
+/** file:// URI of a medium made by the fixture ("media.mkv", "corrupt.mkv", "truncated.mkv"). */
+std::string mediaUri(const std::string& name);
+
+} // namespace lumiflux_test
