@@ -2,9 +2,6 @@
 // the track list, state changes and errors as they happen, with a live
 // progress line on a terminal.
 
-// Built once the player is part of the library.
-#if __has_include(<lumiflux/player.h>)
-
 #include <unistd.h>
 
 #include <atomic>
@@ -399,5 +396,3 @@ const CommandRegistration registration{Command{"play", "play a file or a stream 
 
 } // namespace
 } // namespace lumiflux_tool
-
-#endif
