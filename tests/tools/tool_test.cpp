@@ -29,8 +29,11 @@ using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
 // Messages on standard error, and audio to no sound server, so that the
-// tool behaves the same on any machine.
-const std::string kEnvironment = "env LUMIFLUX_NO_SYSLOG=1 PULSE_SERVER=unix:/nonexistent/lumiflux-test ";
+// tool behaves the same on any machine. A run that hangs is killed, so that
+// it fails its test instead of stalling the suite.
+const std::string kEnvironment =
+    "timeout -s KILL 90 env LUMIFLUX_NO_SYSLOG=1 PULSE_SERVER=unix:/nonexistent/lumiflux-test ";
+const std::string kEnvironmentNoTimeout = "env LUMIFLUX_NO_SYSLOG=1 PULSE_SERVER=unix:/nonexistent/lumiflux-test ";
 
 struct ToolRun {
     int status = -1;
@@ -257,7 +260,7 @@ TEST(Play, BadArgumentsAreRefused)
 TEST(Play, InterruptStopsPromptly)
 {
     const std::string command =
-        kEnvironment + LUMIFLUX_STAGED_TOOL " --json play " LUMIFLUX_STAGED_SAMPLE " --mute --repeat";
+        kEnvironmentNoTimeout + LUMIFLUX_STAGED_TOOL " --json play " LUMIFLUX_STAGED_SAMPLE " --mute --repeat";
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
     posix_spawn_file_actions_t actions;

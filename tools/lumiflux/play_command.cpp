@@ -309,7 +309,9 @@ int play(const PlayOptions& options, Output& out)
                 reason = "frames";
                 break;
             }
-            const bool selectNow = !tracksAsked && listener.mediaInfoSeen;
+            // Tracks are chosen once the pipeline plays: a selection sent while it
+            // prerolls can wait forever on the prerolled sinks in GStreamer 1.22.
+            const bool selectNow = !tracksAsked && listener.mediaInfoSeen && listener.playingSeen;
             const bool setUpNow = !playingSetUp && listener.playingSeen;
             if (selectNow || setUpNow) {
                 tracksAsked = tracksAsked || selectNow;
