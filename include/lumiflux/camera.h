@@ -43,9 +43,9 @@ class GraphicBuffer;
  * or any device that does not say where it is mounted).
  */
 namespace CameraFacing {
-constexpr std::int32_t Front = 0;
-constexpr std::int32_t Back = 1;
-constexpr std::int32_t External = 2;
+constexpr std::int32_t Front = 0;    ///< on the side of the screen
+constexpr std::int32_t Back = 1;     ///< on the side away from the screen
+constexpr std::int32_t External = 2; ///< a USB camera, or one that does not say where it is mounted
 } // namespace CameraFacing
 
 /** One camera, as its plug-in describes it. */
@@ -60,35 +60,35 @@ struct CameraInfo {
 
 /** One mode a camera can capture in, with a whole-number frame rate. */
 struct CameraCapability {
-    std::uint32_t width = 0;
-    std::uint32_t height = 0;
+    std::uint32_t width = 0;     ///< pixels
+    std::uint32_t height = 0;    ///< pixels
     std::uint32_t frameRate = 0; ///< frames per second
 };
 
 /** A frame rate as a fraction (frames per numerator/denominator second). */
 struct CameraFrameRate {
-    std::uint32_t numerator = 0;
-    std::uint32_t denominator = 1;
+    std::uint32_t numerator = 0;   ///< frames
+    std::uint32_t denominator = 1; ///< seconds
 };
 
 /** One mode with an exact frame rate. */
 struct CameraCapabilityEx {
-    std::uint32_t width = 0;
-    std::uint32_t height = 0;
-    CameraFrameRate frameRate;
+    std::uint32_t width = 0;   ///< pixels
+    std::uint32_t height = 0;  ///< pixels
+    CameraFrameRate frameRate; ///< exact frames per second
 };
 
 /** The span of a camera's modes for one pixel format. */
 struct CameraCapabilityRanges {
-    std::uint32_t minWidth = 0;
-    std::uint32_t maxWidth = 0;
-    std::uint32_t stepWidth = 0;
-    std::uint32_t minHeight = 0;
-    std::uint32_t maxHeight = 0;
-    std::uint32_t stepHeight = 0;
-    CameraFrameRate minFrameRate;
-    CameraFrameRate maxFrameRate;
-    CameraFrameRate stepFrameRate;
+    std::uint32_t minWidth = 0;    ///< smallest width in pixels
+    std::uint32_t maxWidth = 0;    ///< largest width in pixels
+    std::uint32_t stepWidth = 0;   ///< width step between modes; 0 when the widths are discrete
+    std::uint32_t minHeight = 0;   ///< smallest height in pixels
+    std::uint32_t maxHeight = 0;   ///< largest height in pixels
+    std::uint32_t stepHeight = 0;  ///< height step between modes; 0 when the heights are discrete
+    CameraFrameRate minFrameRate;  ///< lowest frame rate
+    CameraFrameRate maxFrameRate;  ///< highest frame rate
+    CameraFrameRate stepFrameRate; ///< frame-rate step; 0/1 when the rates are discrete
 };
 
 /** Which property counts most when no mode matches a request exactly. */
@@ -101,8 +101,8 @@ enum class CameraCapabilityPriority : std::int32_t {
 
 /** A pixel format with the qualifier (modifier) of its memory layout. */
 struct PixelFormatDescription {
-    PixelFormat format = PixelFormat::Invalid;
-    std::uint64_t modifier = 0; ///< compared for equality only
+    PixelFormat format = PixelFormat::Invalid; ///< the pixel layout
+    std::uint64_t modifier = 0;                ///< compared for equality only
 };
 
 /**
@@ -234,7 +234,7 @@ public:
 
 protected:
     CameraListener* listener = nullptr; ///< read and called only under listenerMutex
-    std::recursive_mutex listenerMutex;
+    std::recursive_mutex listenerMutex; ///< guards `listener`; recursive so that a callback may change the listener
 };
 
 /**
@@ -312,7 +312,7 @@ public:
 
 protected:
     CameraManagerListener* listener = nullptr; ///< read and called only under listenerMutex
-    std::recursive_mutex listenerMutex;
+    std::recursive_mutex listenerMutex; ///< guards `listener`; recursive so that a callback may change the listener
 };
 
 } // namespace Tevara::Lumiflux

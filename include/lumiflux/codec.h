@@ -47,14 +47,14 @@ enum class CodecType : std::int32_t {
 
 /** A frame size in pixels. */
 struct Size {
-    std::int32_t width = 0;
-    std::int32_t height = 0;
+    std::int32_t width = 0;  ///< pixels
+    std::int32_t height = 0; ///< pixels
 };
 
 /** The smallest and largest frame size a codec accepts. */
 struct SizeRange {
-    Size min;
-    Size max;
+    Size min; ///< smallest accepted size
+    Size max; ///< largest accepted size
 };
 
 /** One codec, as listed by a codec manager. */
@@ -69,10 +69,10 @@ struct VideoCodecInfo {
 
 /** The stream an encoder is asked to produce. */
 struct VideoEncoderMetadata {
-    CodecType codecType = CodecType::Unknown;
-    std::int32_t width = 0;
-    std::int32_t height = 0;
-    std::int32_t stride = 0; ///< row length in pixels; 0 means equal to width
+    CodecType codecType = CodecType::Unknown; ///< the codec of the stream
+    std::int32_t width = 0;                   ///< pixels
+    std::int32_t height = 0;                  ///< pixels
+    std::int32_t stride = 0;                  ///< row length in pixels; 0 means equal to width
     /** Layout of the frames given to encode(): YUV420Planar (I420) or YUV420SemiPlanar (NV12). */
     PixelFormat format = PixelFormat::YUV420SemiPlanar;
     std::int32_t framerate = 30; ///< frames per second, used for rate control
@@ -80,10 +80,10 @@ struct VideoEncoderMetadata {
 
 /** The stream a decoder is asked to read. */
 struct VideoDecoderMetadata {
-    CodecType codecType = CodecType::Unknown;
-    std::int32_t width = 0;
-    std::int32_t height = 0;
-    std::int32_t framerate = 30; ///< frames per second; 0 when unknown
+    CodecType codecType = CodecType::Unknown; ///< the codec of the stream
+    std::int32_t width = 0;                   ///< pixels
+    std::int32_t height = 0;                  ///< pixels
+    std::int32_t framerate = 30;              ///< frames per second; 0 when unknown
 };
 
 /** Identifiers of the parameters that codec plug-ins commonly offer. */
@@ -110,9 +110,9 @@ public:
 /** One encoded frame, valid only during the listener call that carries it. */
 struct EncodedFrame {
     const std::uint8_t* data = nullptr; ///< Annex B for H.264/H.265, one raw frame for VP8/VP9
-    std::size_t size = 0;
-    std::int64_t timestamp = -1; ///< microseconds, the input frame's timestamp
-    bool keyFrame = false;
+    std::size_t size = 0;               ///< bytes at `data`
+    std::int64_t timestamp = -1;        ///< microseconds, the input frame's timestamp
+    bool keyFrame = false;              ///< true for a frame that decodes on its own
 };
 
 /**
@@ -201,8 +201,8 @@ public:
 protected:
     VideoEncoder();
 
-    VideoEncoderListener* listener = nullptr;
-    std::recursive_mutex listenerMutex;
+    VideoEncoderListener* listener = nullptr; ///< read and called only under listenerMutex
+    std::recursive_mutex listenerMutex; ///< guards `listener`; recursive so that a callback may change the listener
 };
 
 /**
@@ -250,8 +250,8 @@ public:
 protected:
     VideoDecoder();
 
-    VideoDecoderListener* listener = nullptr;
-    std::recursive_mutex listenerMutex;
+    VideoDecoderListener* listener = nullptr; ///< read and called only under listenerMutex
+    std::recursive_mutex listenerMutex; ///< guards `listener`; recursive so that a callback may change the listener
 };
 
 /**

@@ -30,14 +30,16 @@ class LUMIFLUX_EXPORT VideoCodecDesc : public VideoCodecExtendedInfo {
 public:
     /** Copies the three values unchanged, without validating them. */
     VideoCodecDesc(const VideoCodecInfo& info, const SizeRange& sizeRange, const Size& alignment);
+    /** Copies another description. */
     VideoCodecDesc(const VideoCodecDesc&) = default;
+    /** Copies another description. */
     VideoCodecDesc& operator=(const VideoCodecDesc&) = default;
 
     SizeRange getSizeRange() const override;
     Size getAlignment() const override;
     ~VideoCodecDesc() override;
 
-    const VideoCodecInfo& getInfo() const { return info; }
+    const VideoCodecInfo& getInfo() const { return info; } ///< the codec's record
 
 private:
     VideoCodecInfo info;
@@ -132,14 +134,16 @@ public:
     void eos() override;
 
 protected:
-    VideoCodecDesc desc;
-    ParameterSet parameterSet;
-    BaseCodecManager* manager;
+    VideoCodecDesc desc;       ///< the codec this is an instance of
+    ParameterSet parameterSet; ///< the instance's parameters, owned by the set
+    BaseCodecManager* manager; ///< the manager that made the instance; outlives it
 };
 
 /** The base of a plug-in's decoder; see BaseVideoEncoder. */
 class LUMIFLUX_EXPORT BaseVideoDecoder : public VideoDecoder {
 public:
+    /** An instance of the codec `desc` of `manager`, which must outlive it; the instance slot is given back on
+     * destruction. */
     BaseVideoDecoder(BaseCodecManager* manager, const VideoCodecDesc& desc);
     ~BaseVideoDecoder() override;
     BaseVideoDecoder(const BaseVideoDecoder&) = delete;
@@ -151,9 +155,9 @@ public:
     bool supports(const VideoDecoderMetadata& metadata) const override;
 
 protected:
-    VideoCodecDesc desc;
-    ParameterSet parameterSet;
-    BaseCodecManager* manager;
+    VideoCodecDesc desc;       ///< the codec this is an instance of
+    ParameterSet parameterSet; ///< the instance's parameters, owned by the set
+    BaseCodecManager* manager; ///< the manager that made the instance; outlives it
 };
 
 } // namespace Tevara::Lumiflux::Internal

@@ -87,7 +87,9 @@ public:
 
 protected:
     GraphicBuffer() = default;
+    /** Copies the fields; for implementations only. */
     GraphicBuffer(const GraphicBuffer&) = default;
+    /** Copies the fields; for implementations only. */
     GraphicBuffer& operator=(const GraphicBuffer&) = default;
 };
 

@@ -25,9 +25,9 @@ namespace Tevara::Lumiflux {
 struct LUMIFLUX_EXPORT LogLevel {
     std::int32_t level; ///< 0 Debug, 1 Info, 2 Error; any other value counts as Debug.
 
-    static const LogLevel Debug;
-    static const LogLevel Info;
-    static const LogLevel Error;
+    static const LogLevel Debug; ///< level 0: kept only when LUMIFLUX_DEBUG is set
+    static const LogLevel Info;  ///< level 1
+    static const LogLevel Error; ///< level 2
 };
 
 inline constexpr LogLevel LogLevel::Debug{0};

@@ -45,9 +45,13 @@ public:
     static constexpr std::uint64_t FlagSelectedByDefault = 1;
 
     TrackInfo();
+    /** Copies another record. */
     TrackInfo(const TrackInfo& other);
+    /** Takes over another record, which is left empty. */
     TrackInfo(TrackInfo&& other) noexcept;
+    /** Copies another record. */
     TrackInfo& operator=(const TrackInfo& other);
+    /** Takes over another record, which is left empty. */
     TrackInfo& operator=(TrackInfo&& other) noexcept;
     ~TrackInfo();
 
@@ -57,7 +61,9 @@ public:
     const std::string& name() const;
     /** A description of the codec (e.g. "VP8"), empty when unknown. */
     const std::string& codec() const;
+    /** Video, audio or subtitles. */
     TrackType type() const;
+    /** Flags such as FlagSelectedByDefault. */
     std::uint64_t flags() const;
 
     /** The stored value of tag `name`, or null when there is none. */
@@ -74,11 +80,13 @@ public:
             return *typed;
         return fallback;
     }
+    /** The text of tag `name` if it is stored as text, otherwise `fallback`. */
     std::string tag(const std::string& name, const char* fallback) const { return tag<std::string>(name, fallback); }
     /** Tag `name` rendered as text (see tagValueToString), or "" when absent. */
     std::string tagAsString(const std::string& name) const;
     /** The "language-code" tag as text, "" when untagged. */
     std::string lang() const;
+    /** Every tag of the track, by name. */
     const TagMap& tags() const;
     /** Calls `visit` for every tag in name order. */
     void forEachTag(const std::function<void(const std::string&, const TagValue&)>& visit) const;
@@ -87,11 +95,17 @@ public:
 
     /** @name Filled by the player when it builds the track list. */
     ///@{
+    /** Sets the identifier. */
     void setId(std::int32_t id);
+    /** Sets the title. */
     void setName(std::string name);
+    /** Sets the codec description. */
     void setCodec(std::string codec);
+    /** Sets the track type. */
     void setType(TrackType type);
+    /** Sets the flags. */
     void setFlags(std::uint64_t flags);
+    /** Stores tag `name`, replacing a value stored before. */
     void setTag(const std::string& name, TagValue value);
     ///@}
 
@@ -104,12 +118,17 @@ private:
 class LUMIFLUX_EXPORT MediaInfo {
 public:
     MediaInfo();
+    /** Copies another record. */
     MediaInfo(const MediaInfo& other);
+    /** Takes over another record, which is left empty. */
     MediaInfo(MediaInfo&& other) noexcept;
+    /** Copies another record. */
     MediaInfo& operator=(const MediaInfo& other);
+    /** Takes over another record, which is left empty. */
     MediaInfo& operator=(MediaInfo&& other) noexcept;
     ~MediaInfo();
 
+    /** The medium's URI as the application gave it. */
     const std::string& uri() const;
     /** The application's HTTP request headers, in its order. */
     const HttpHeaders& httpHeaders() const;
@@ -126,13 +145,17 @@ public:
 
     /** @name Filled by the player. */
     ///@{
+    /** Sets the URI. */
     void setUri(std::string uri);
+    /** Sets the HTTP request headers. */
     void setHttpHeaders(HttpHeaders headers);
     /** Exchanges the URI with `uri` (the caller gets the previous one). */
     void swapUri(std::string& uri);
     /** Exchanges the headers with `headers` (the caller gets the previous ones). */
     void swapHttpHeaders(HttpHeaders& headers);
+    /** Stores tag `name`, replacing a value stored before. */
     void setTag(const std::string& name, TagValue value);
+    /** Appends a track. */
     void addTrack(TrackInfo track);
     /** Moves `other`'s tags and tracks into this record; URI and headers stay. */
     void takeTagsAndTracks(MediaInfo&& other);

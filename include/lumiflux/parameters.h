@@ -44,7 +44,7 @@ public:
     virtual std::string adjust(const std::string& value) const;
 
 protected:
-    std::string text;
+    std::string text; ///< the current text
 };
 
 /**
@@ -53,6 +53,7 @@ protected:
  */
 template <typename T> class LUMIFLUX_EXPORT TypedParameter : public Parameter {
 public:
+    /** Stores `initial` as the text and `initialValue` as the number, unchecked. */
     TypedParameter(std::string initial, T initialValue);
     ~TypedParameter() override;
 
@@ -64,7 +65,7 @@ public:
     virtual bool convert(const std::string& text, T* out) const;
 
 protected:
-    T number;
+    T number; ///< the number read from the text
 };
 
 extern template class TypedParameter<int>;
@@ -83,17 +84,18 @@ public:
     bool validate(const std::string& value) const override;
     bool convert(const std::string& text, int* out) const override;
 
-    int minimum() const { return min; }
-    int maximum() const { return max; }
+    int minimum() const { return min; } ///< the lower bound
+    int maximum() const { return max; } ///< the upper bound
 
 protected:
-    int min;
-    int max;
+    int min; ///< inclusive lower bound
+    int max; ///< inclusive upper bound
 };
 
 /** A float parameter with inclusive bounds; numbers are read like scanf "%f". */
 class LUMIFLUX_EXPORT FloatParameter : public TypedParameter<float> {
 public:
+    /** `initial` should be a valid text; its number is read into value(). The bounds are inclusive. */
     FloatParameter(const std::string& initial, float min, float max);
     ~FloatParameter() override;
 
@@ -103,12 +105,12 @@ public:
     bool validate(const std::string& value) const override;
     bool convert(const std::string& text, float* out) const override;
 
-    float minimum() const { return min; }
-    float maximum() const { return max; }
+    float minimum() const { return min; } ///< the lower bound
+    float maximum() const { return max; } ///< the upper bound
 
 protected:
-    float min;
-    float max;
+    float min; ///< inclusive lower bound
+    float max; ///< inclusive upper bound
 };
 
 /**
@@ -130,8 +132,8 @@ public:
     const std::vector<std::string>& allowed() const { return values; }
 
 protected:
-    int tag; ///< owner-defined; none of the operations here use it
-    std::vector<std::string> values;
+    int tag;                         ///< owner-defined; none of the operations here use it
+    std::vector<std::string> values; ///< the allowed texts, in order
 };
 
 /**
@@ -140,6 +142,7 @@ protected:
  */
 class LUMIFLUX_EXPORT ReadOnlyParameter : public Parameter {
 public:
+    /** A parameter whose text is `initial`. */
     explicit ReadOnlyParameter(const std::string& initial);
     ~ReadOnlyParameter() override;
 

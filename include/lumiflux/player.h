@@ -39,8 +39,11 @@ public:
     virtual void onTracksSelected(const std::vector<int>& trackIds);
     /** The reported state changed; never called with equal states. */
     virtual void onStateChanged(PlayerState oldState, PlayerState newState);
+    /** The medium's duration became known or changed. */
     virtual void onDurationChanged(std::chrono::microseconds duration);
+    /** The playback position, reported periodically while playing. */
     virtual void onPositionChanged(std::chrono::microseconds position);
+    /** How full the network buffer is, 0 to 100. */
     virtual void onBufferingChanged(int percent);
     /** A failure; `message` is GStreamer's text, or empty for failed player operations. */
     virtual void onError(PlayerError error, const std::string& message);
@@ -52,8 +55,8 @@ struct VideoFrame {
     int trackId = -1;
     /** The pixel layout of the mapped frame (NV12). */
     PixelFormat format = PixelFormat::Invalid;
-    std::uint32_t width = 0;
-    std::uint32_t height = 0;
+    std::uint32_t width = 0;  ///< pixels
+    std::uint32_t height = 0; ///< pixels
     /** Presentation time, -1 when unknown. */
     std::chrono::microseconds timestamp{-1};
     /**
@@ -100,7 +103,9 @@ public:
     void play(std::string_view uri, const HttpHeaders& headers = {});
     /** Replaces the HTTP request headers, also on a running stream's HTTP elements. */
     void setHttpHeaders(const HttpHeaders& headers);
+    /** Starts or resumes playback of the loaded medium. */
     void play();
+    /** Pauses playback. */
     void pause();
     /** Seeks to `position`, at the requested playback rate. */
     void seek(std::chrono::microseconds position);
@@ -115,13 +120,18 @@ public:
     void selectTracks(const std::vector<int>& trackIds);
     /** Requests a playback rate; 0 pauses the clock, any other value plays at normal speed. */
     void setPlaybackRate(double rate);
+    /** Mutes or unmutes the audio. */
     void setMute(bool mute);
     /** Restart from the beginning at end of stream. */
     void setAutoRepeat(bool autoRepeat);
 
+    /** The state last reported to the listener. */
     PlayerState getState() const;
+    /** The playback rate last requested. */
     double getPlaybackRate() const;
+    /** Whether the medium restarts at its end. */
     bool getAutoRepeat() const;
+    /** Whether the audio is muted. */
     bool getMute() const;
 
 private:

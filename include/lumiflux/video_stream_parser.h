@@ -49,9 +49,13 @@ class LUMIFLUX_EXPORT VideoStreamMetadata {
 public:
     /** An empty description: isValid() false, every number 0. */
     VideoStreamMetadata();
+    /** Copies another description. */
     VideoStreamMetadata(const VideoStreamMetadata& other);
+    /** Copies another description. */
     VideoStreamMetadata& operator=(const VideoStreamMetadata& other);
+    /** Takes over another description, which is left empty. */
     VideoStreamMetadata(VideoStreamMetadata&& other) noexcept;
+    /** Takes over another description, which is left empty. */
     VideoStreamMetadata& operator=(VideoStreamMetadata&& other) noexcept;
     ~VideoStreamMetadata();
 
@@ -67,35 +71,36 @@ public:
     int constraintFlags() const;
     /** Coded size in whole macroblocks, height doubled for field coding (1920x1088 for 1080p). */
     int codedWidth() const;
-    int codedHeight() const;
+    int codedHeight() const; ///< coded height in pixels (see codedWidth())
     /** Size after the frame cropping (1920x1080 for 1080p). */
     int displayWidth() const;
-    int displayHeight() const;
+    int displayHeight() const; ///< display height in pixels (see displayWidth())
     /** Pixels cropped at each edge. */
     int cropLeft() const;
-    int cropRight() const;
-    int cropTop() const;
-    int cropBottom() const;
+    int cropRight() const;  ///< pixels cropped at the right edge
+    int cropTop() const;    ///< pixels cropped at the top edge
+    int cropBottom() const; ///< pixels cropped at the bottom edge
     /** Sample aspect ratio from the VUI; 0/0 when absent or unspecified. */
     int sarWidth() const;
-    int sarHeight() const;
+    int sarHeight() const; ///< vertical part of the sample aspect ratio (see sarWidth())
     /**
      * Frame rate from the VUI timing information (time_scale / (2 x
      * num_units_in_tick)), reduced; 0/0 when absent.
      */
     int frameRateNumerator() const;
-    int frameRateDenominator() const;
+    int frameRateDenominator() const; ///< see frameRateNumerator()
     /** The frame rate as a number; 0 when absent. */
     double frameRate() const;
     /** Bit depths of luma and chroma samples (8 to 14). */
     int bitDepthLuma() const;
-    int bitDepthChroma() const;
+    int bitDepthChroma() const; ///< bit depth of chroma samples (see bitDepthLuma())
     /** chroma_format_idc: 0 monochrome, 1 4:2:0, 2 4:2:2, 3 4:4:4. */
     int chromaFormat() const;
     /** False when pictures may be field coded (frame_mbs_only_flag 0). */
     bool frameMbsOnly() const;
     /** Access units and key frames in the stream. */
     std::uint64_t accessUnitCount() const;
+    /** Access units with an IDR picture (or a recovery point, when the settings count those as key frames). */
     std::uint64_t keyFrameCount() const;
 
 private:
@@ -110,6 +115,7 @@ private:
  */
 class LUMIFLUX_EXPORT VideoStreamParser {
 public:
+    /** A parser that keeps what `settings` asks for. */
     explicit VideoStreamParser(const VideoStreamParserSettings& settings = VideoStreamParserSettings());
     ~VideoStreamParser();
     VideoStreamParser(const VideoStreamParser&) = delete;

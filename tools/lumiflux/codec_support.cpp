@@ -4,6 +4,8 @@
 #include <cctype>
 #include <iostream>
 
+#include <unistd.h>
+
 namespace lumiflux_tool {
 
 using Tevara::Lumiflux::CodecType;
@@ -150,16 +152,25 @@ bool readIvf(const std::vector<std::uint8_t>& bytes, std::string* fourcc, int* w
     return true;
 }
 
+namespace {
+// Progress lines are for people watching a terminal; in a log or a pipe they
+// would only be noise.
+bool liveOutput(bool json)
+{
+    return !json && isatty(STDOUT_FILENO) != 0;
+}
+} // namespace
+
 void progressLine(bool json, const std::string& text)
 {
-    if (!json)
-        std::cerr << '\r' << text << std::flush;
+    if (liveOutput(json))
+        std::cout << "\r\033[K" << text << std::flush;
 }
 
 void endProgressLine(bool json)
 {
-    if (!json)
-        std::cerr << '\n';
+    if (liveOutput(json))
+        std::cout << '\n' << std::flush;
 }
 
 } // namespace lumiflux_tool

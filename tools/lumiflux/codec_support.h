@@ -44,7 +44,7 @@ struct IvfFrame {
 bool readIvf(const std::vector<std::uint8_t>& bytes, std::string* fourcc, int* width, int* height,
              std::vector<IvfFrame>* frames, std::string* error);
 
-/** A live progress line on standard error ("\r..."), in human mode only. */
+/** A live progress line ("\r..."), in human mode and on a terminal only. */
 void progressLine(bool json, const std::string& text);
 /** Ends the progress line. */
 void endProgressLine(bool json);

@@ -24,6 +24,15 @@ struct Command {
 
 std::vector<Command>& commands();
 
+/**
+ * Runs the registered command `name` as if `arguments` had been typed after
+ * it on the command line, writing to `out`. Returns its exit status; 2 with
+ * a "BadArgument" error when the arguments do not parse, 1 with "NoCommand"
+ * when no such command is registered. Lets one command (the tour) reuse the
+ * others exactly as a user would run them.
+ */
+int runCommand(const std::string& name, const std::vector<std::string>& arguments, Output& out);
+
 struct CommandRegistration {
     explicit CommandRegistration(Command command) { commands().push_back(std::move(command)); }
 };

@@ -17,6 +17,27 @@ std::vector<Command>& commands()
     return list;
 }
 
+int runCommand(const std::string& name, const std::vector<std::string>& arguments, Output& out)
+{
+    for (Command& command : commands()) {
+        if (command.name != name)
+            continue;
+        CLI::App app{command.description, command.name};
+        std::function<int(Output&)> action = command.setup(app);
+        // CLI11 takes the arguments last first.
+        std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+        try {
+            app.parse(reversed);
+        } catch (const CLI::ParseError& error) {
+            out.error("BadArgument", name + ": " + error.what());
+            return 2;
+        }
+        return action(out);
+    }
+    out.error("NoCommand", "no command named '" + name + "'");
+    return 1;
+}
+
 namespace {
 // The command run when none is named: the tour once it exists, the plug-in
 // listing until then.

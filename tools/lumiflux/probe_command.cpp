@@ -49,23 +49,29 @@ const char* nalTypeName(std::size_t type)
     return type < 32 ? names[type] : "invalid";
 }
 
-std::string profileName(int profile)
+// The profile's name, refined by the constraint_set flags (the SPS byte,
+// constraint_set0 in the top bit) where they name a narrower profile.
+std::string profileName(int profile, int constraints)
 {
+    const bool set1 = (constraints & 0x40) != 0;
+    const bool set3 = (constraints & 0x10) != 0;
+    const bool set4 = (constraints & 0x08) != 0;
+    const bool set5 = (constraints & 0x04) != 0;
     switch (profile) {
     case 66:
-        return "Baseline";
+        return set1 ? "Constrained Baseline" : "Baseline";
     case 77:
         return "Main";
     case 88:
         return "Extended";
     case 100:
-        return "High";
+        return set4 && set5 ? "Constrained High" : "High";
     case 110:
-        return "High 10";
+        return set3 ? "High 10 Intra" : "High 10";
     case 122:
-        return "High 4:2:2";
+        return set3 ? "High 4:2:2 Intra" : "High 4:2:2";
     case 244:
-        return "High 4:4:4 Predictive";
+        return set3 ? "High 4:4:4 Intra" : "High 4:4:4 Predictive";
     case 44:
         return "CAVLC 4:4:4 Intra";
     default:
@@ -115,7 +121,7 @@ int probe(Output& out, const std::string& path, bool listUnits)
     if (meta.frameRateDenominator() != 0)
         std::snprintf(rate, sizeof(rate), "%d/%d (%.3f fps)", meta.frameRateNumerator(), meta.frameRateDenominator(),
                       meta.frameRate());
-    out.text("codec " + meta.codecName() + ", profile " + profileName(meta.profile()) + " (" +
+    out.text("codec " + meta.codecName() + ", profile " + profileName(meta.profile(), meta.constraintFlags()) + " (" +
              std::to_string(meta.profile()) + "), level " + level);
     out.text("coded " + std::to_string(meta.codedWidth()) + "x" + std::to_string(meta.codedHeight()) + ", display " +
              std::to_string(meta.displayWidth()) + "x" + std::to_string(meta.displayHeight()) + " (crop left " +
@@ -134,7 +140,7 @@ int probe(Output& out, const std::string& path, bool listUnits)
                 {"path", path},
                 {"codec", meta.codecName()},
                 {"profile", meta.profile()},
-                {"profileName", profileName(meta.profile())},
+                {"profileName", profileName(meta.profile(), meta.constraintFlags())},
                 {"level", meta.level()},
                 {"codedWidth", meta.codedWidth()},
                 {"codedHeight", meta.codedHeight()},
