@@ -13,7 +13,7 @@ fi
 # library are emitted with default visibility by its own headers; they are not
 # ours and are left out.
 symbols=$(nm -D --defined-only -C "$lib" | awk '{ $1=""; $2=""; sub(/^  /, ""); print }' \
-  | grep -v -E '^(std::|__gnu_cxx::|[^(<]*[ &*](std|__gnu_cxx)::|typeinfo (name )?for std::|vtable for std::|VTT for std::|guard variable for std::)' \
+  | grep -v -E '^(std::|__gnu_cxx::|[^(<]*[ &*](std|__gnu_cxx)::|decltype\(auto\) (std|__gnu_cxx)::|typeinfo (name )?for std::|vtable for std::|VTT for std::|guard variable for std::)' \
   | grep -v -E '^(_init|_fini|_edata|_end|__bss_start)$' || true)
 
 bad=$(echo "$symbols" | grep -v -E \
