@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -25,29 +24,29 @@ namespace {
 std::atomic<int> liveInstances{0};
 std::atomic<int> mostLiveInstances{0};
 
-void countInstance(int delta)
-{
-    const int now = liveInstances += delta;
-    int most = mostLiveInstances.load();
-    while (now > most && !mostLiveInstances.compare_exchange_weak(most, now)) {
-    }
-}
-
-class TestEncoder : public Internal::BaseVideoEncoder {
+template <typename Base> class TestCodec : public Base {
 public:
-    TestEncoder(BaseCodecManager* owner, const VideoCodecDesc& codec) : BaseVideoEncoder(owner, codec)
+    TestCodec(BaseCodecManager* owner, const VideoCodecDesc& codec) : Base(owner, codec)
     {
-        countInstance(1);
+        const int now = ++liveInstances;
+        int most = mostLiveInstances.load();
+        while (now > most && !mostLiveInstances.compare_exchange_weak(most, now)) {
+        }
     }
-    ~TestEncoder() override { countInstance(-1); }
-    bool configure(const VideoEncoderMetadata&) override { return true; }
+    ~TestCodec() override { --liveInstances; }
     bool start() override { return true; }
-    bool encode(const std::shared_ptr<GraphicBuffer>&, bool) override { return false; }
     bool flush() override { return true; }
     bool stop() override { return true; }
     bool setParameter(unsigned, const std::string&) override { return false; }
     std::string getParameter(unsigned) const override { return {}; }
-    const Internal::ParameterSet& parameters() const override { return parameterSet; }
+    const Internal::ParameterSet& parameters() const override { return this->parameterSet; }
+};
+
+class TestEncoder : public TestCodec<Internal::BaseVideoEncoder> {
+public:
+    using TestCodec::TestCodec;
+    bool configure(const VideoEncoderMetadata&) override { return true; }
+    bool encode(const std::shared_ptr<GraphicBuffer>&, bool) override { return false; }
     int pendingFrames() const override { return 0; }
 
     // Calls the listener as a plug-in does: under listenerMutex.
@@ -59,57 +58,61 @@ public:
     }
 };
 
-class TestDecoder : public Internal::BaseVideoDecoder {
+class TestDecoder : public TestCodec<Internal::BaseVideoDecoder> {
 public:
-    using BaseVideoDecoder::BaseVideoDecoder;
+    using TestCodec::TestCodec;
     bool configure(const VideoDecoderMetadata&) override { return true; }
-    bool start() override { return true; }
     bool decode(const std::uint8_t*, std::size_t, std::int64_t) override { return false; }
     bool drain() override { return true; }
-    bool flush() override { return true; }
-    bool stop() override { return true; }
-    bool setParameter(unsigned, const std::string&) override { return false; }
-    std::string getParameter(unsigned) const override { return {}; }
-    const Internal::ParameterSet& parameters() const override { return parameterSet; }
 };
-
-VideoCodecInfo info(const std::string& id, CodecType type, bool encoder, int maxInstances, bool hw = false)
-{
-    VideoCodecInfo result;
-    result.id = id;
-    result.type = type;
-    result.encoder = encoder;
-    result.maxInstances = maxInstances;
-    result.hw = hw;
-    return result;
-}
 
 const SizeRange fullHd{{16, 16}, {1920, 1080}};
 
+VideoCodecDesc desc(const std::string& id, CodecType type, bool encoder, int maxInstances, bool hw = false,
+                    const SizeRange& range = fullHd, const Size& alignment = {2, 2})
+{
+    VideoCodecInfo info;
+    info.id = id;
+    info.type = type;
+    info.encoder = encoder;
+    info.maxInstances = maxInstances;
+    info.hw = hw;
+    return VideoCodecDesc(info, range, alignment);
+}
+
 class TestManager : public BaseCodecManager {
 public:
-    explicit TestManager(std::vector<VideoCodecDesc> codecList) : descs(std::move(codecList)) {}
-    bool init() override
+    explicit TestManager(std::vector<VideoCodecDesc> codecList)
     {
-        for (const auto& desc : descs)
-            addCodec(desc);
-        return true;
+        for (const auto& codec : codecList)
+            addCodec(codec);
     }
-    std::shared_ptr<VideoEncoder> instantiateVideoEncoder(const VideoCodecDesc& desc) override
+    bool init() override { return true; }
+    std::shared_ptr<VideoEncoder> instantiateVideoEncoder(const VideoCodecDesc& codec) override
     {
-        ++encoderFactoryCalls;
-        return std::make_shared<TestEncoder>(this, desc);
+        return std::make_shared<TestEncoder>(this, codec);
     }
-    std::shared_ptr<VideoDecoder> instantiateVideoDecoder(const VideoCodecDesc& desc) override
+    std::shared_ptr<VideoDecoder> instantiateVideoDecoder(const VideoCodecDesc& codec) override
     {
-        return std::make_shared<TestDecoder>(this, desc);
+        return std::make_shared<TestDecoder>(this, codec);
     }
-
-    std::atomic<int> encoderFactoryCalls{0};
-
-private:
-    std::vector<VideoCodecDesc> descs;
 };
+
+template <typename Metadata> Metadata stream(int width, int height, CodecType type = CodecType::H264)
+{
+    Metadata metadata;
+    metadata.codecType = type;
+    metadata.width = width;
+    metadata.height = height;
+    return metadata;
+}
+
+void expectLine(const std::string& needle, const std::string& pattern)
+{
+    const auto records = syslogRecordsContaining(needle);
+    ASSERT_EQ(records.size(), 1u) << needle;
+    EXPECT_TRUE(std::regex_match(records[0].text, std::regex(pattern))) << records[0].text;
+}
 
 class CodecBase : public ::testing::Test {
 protected:
@@ -120,48 +123,44 @@ protected:
     }
 };
 
-TEST_F(CodecBase, OneInstanceIsTakenAndGivenBack)
+TEST_F(CodecBase, InstancesAreCountedPerId)
 {
-    TestManager manager({VideoCodecDesc(info("one", CodecType::H264, true, 1), fullHd, {2, 2})});
-    ASSERT_TRUE(manager.init());
+    TestManager manager({desc("one", CodecType::H264, true, 1), desc("zero", CodecType::VP8, true, 0),
+                         desc("negative", CodecType::VP8, false, -3)});
     EXPECT_TRUE(manager.isCodecIdAvailable("one"));
     auto first = manager.createVideoEncoderById("one");
     ASSERT_NE(first, nullptr);
     EXPECT_FALSE(manager.isCodecIdAvailable("one"));
     EXPECT_EQ(manager.createVideoEncoderById("one"), nullptr);
-    const auto refused = syslogRecordsContaining("is not available");
-    ASSERT_EQ(refused.size(), 1u);
-    EXPECT_TRUE(std::regex_match(refused[0].text,
-                                 std::regex("^2main createVideoEncoderById:[0-9]+ -- codec one is not available\n$")))
-        << refused[0].text;
-    EXPECT_TRUE(std::regex_match(syslogRecordsContaining("acquire one")[0].text,
-                                 std::regex("^0main acquireCodecId:[0-9]+ -- acquire one of 1\n$")));
+    expectLine("is not available", "^2main createVideoEncoderById:[0-9]+ -- codec one is not available\n$");
+    expectLine("acquire one", "^0main acquireCodecId:[0-9]+ -- acquire one of 1\n$");
     first.reset();
-    EXPECT_TRUE(std::regex_match(syslogRecordsContaining("release one")[0].text,
-                                 std::regex("^0main releaseCodecId:[0-9]+ -- release one of 0\n$")));
+    expectLine("release one", "^0main releaseCodecId:[0-9]+ -- release one of 0\n$");
     EXPECT_TRUE(manager.isCodecIdAvailable("one"));
-    EXPECT_NE(manager.createVideoEncoderById("one"), nullptr);
-}
 
-TEST_F(CodecBase, ZeroOrNegativeInstancesAreListedButNeverAvailable)
-{
-    TestManager manager({VideoCodecDesc(info("zero", CodecType::VP8, true, 0), fullHd, {2, 2}),
-                         VideoCodecDesc(info("negative", CodecType::VP8, false, -3), fullHd, {2, 2})});
-    manager.init();
-    EXPECT_EQ(manager.listCodecs().size(), 2u);
+    // Zero or negative counts: listed, never available.
+    EXPECT_EQ(manager.listCodecs().size(), 3u);
     EXPECT_FALSE(manager.isCodecIdAvailable("zero"));
     EXPECT_FALSE(manager.isCodecIdAvailable("negative"));
     EXPECT_FALSE(manager.videoEncoderAvailable(CodecType::VP8, false));
     EXPECT_FALSE(manager.videoDecoderAvailable(CodecType::VP8, false));
     EXPECT_EQ(manager.createVideoDecoderById("negative"), nullptr);
     EXPECT_EQ(manager.createVideoEncoder(CodecType::VP8, false), nullptr);
+
+    // Releasing has no upper bound; unknown ids are ignored.
+    manager.releaseCodecId("one");
+    manager.releaseCodecId("one");
+    manager.releaseCodecId("unknown");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(manager.acquireCodecId("one")) << i;
+    EXPECT_FALSE(manager.acquireCodecId("one"));
+    EXPECT_FALSE(manager.acquireCodecId("unknown"));
 }
 
 TEST_F(CodecBase, DuplicateIdKeepsTheFirstCountAndDescription)
 {
-    TestManager manager({VideoCodecDesc(info("twice", CodecType::H264, true, 1), fullHd, {2, 2}),
-                         VideoCodecDesc(info("twice", CodecType::H265, true, 5), {{1, 1}, {64, 64}}, {8, 8})});
-    manager.init();
+    TestManager manager({desc("twice", CodecType::H264, true, 1),
+                         desc("twice", CodecType::H265, true, 5, false, {{1, 1}, {64, 64}}, {8, 8})});
     const auto list = manager.listCodecs();
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[1].maxInstances, 5);
@@ -172,24 +171,9 @@ TEST_F(CodecBase, DuplicateIdKeepsTheFirstCountAndDescription)
     EXPECT_EQ(manager.createVideoEncoderById("twice"), nullptr) << "count of the first description";
 }
 
-TEST_F(CodecBase, ReleaseHasNoUpperBound)
-{
-    TestManager manager({VideoCodecDesc(info("id", CodecType::H264, true, 1), fullHd, {2, 2})});
-    manager.init();
-    manager.releaseCodecId("id");
-    manager.releaseCodecId("id");
-    manager.releaseCodecId("unknown");
-    EXPECT_TRUE(manager.acquireCodecId("id"));
-    EXPECT_TRUE(manager.acquireCodecId("id"));
-    EXPECT_TRUE(manager.acquireCodecId("id"));
-    EXPECT_FALSE(manager.acquireCodecId("id"));
-    EXPECT_FALSE(manager.acquireCodecId("unknown"));
-}
-
 TEST_F(CodecBase, DecoderIdReachesTheEncoderFactory)
 {
-    TestManager manager({VideoCodecDesc(info("dec", CodecType::H264, false, 1), fullHd, {2, 2})});
-    manager.init();
+    TestManager manager({desc("dec", CodecType::H264, false, 1)});
     auto encoder = manager.createVideoEncoderById("dec");
     ASSERT_NE(encoder, nullptr);
     EXPECT_FALSE(encoder->getInfo().encoder);
@@ -201,8 +185,7 @@ TEST_F(CodecBase, DecoderIdReachesTheEncoderFactory)
 
 TEST_F(CodecBase, ExtendedInfoNeedsAFreeEncoderAndTriesTwice)
 {
-    TestManager manager({VideoCodecDesc(info("x", CodecType::H264, true, 1), {{2, 4}, {640, 480}}, {16, 8})});
-    manager.init();
+    TestManager manager({desc("x", CodecType::H264, true, 1, false, {{2, 4}, {640, 480}}, {16, 8})});
     auto geometry = manager.getVideoCodecExtendedInfo("x");
     ASSERT_NE(geometry, nullptr);
     EXPECT_EQ(geometry->getSizeRange().min.height, 4);
@@ -221,60 +204,42 @@ TEST_F(CodecBase, ExtendedInfoNeedsAFreeEncoderAndTriesTwice)
 
 TEST_F(CodecBase, SupportsBoundsTheAreaNotEachSide)
 {
-    TestManager manager({VideoCodecDesc(info("e", CodecType::H264, true, 4), fullHd, {2, 2}),
-                         VideoCodecDesc(info("d", CodecType::H264, false, 4), fullHd, {2, 2}),
-                         VideoCodecDesc(info("neg", CodecType::H264, true, 4), {{16, 16}, {1920, -1}}, {2, 2})});
-    manager.init();
+    TestManager manager({desc("e", CodecType::H264, true, 1), desc("d", CodecType::H264, false, 1),
+                         desc("neg", CodecType::H264, true, 1, false, {{16, 16}, {1920, -1}})});
     auto encoder = manager.createVideoEncoderById("e");
     auto decoder = manager.createVideoDecoderById("d");
     auto negative = manager.createVideoEncoderById("neg");
-
-    auto enc = [](int w, int h, int stride = 0, CodecType type = CodecType::H264) {
-        VideoEncoderMetadata m;
-        m.codecType = type;
-        m.width = w;
-        m.height = h;
-        m.stride = stride;
-        return m;
+    struct Case {
+        int width, height, stride;
+        CodecType type;
+        bool encoderSupports;
     };
-    auto dec = [](int w, int h) {
-        VideoDecoderMetadata m;
-        m.codecType = CodecType::H264;
-        m.width = w;
-        m.height = h;
-        return m;
-    };
-    EXPECT_TRUE(encoder->supports(enc(2000, 1000)));
-    EXPECT_FALSE(encoder->supports(enc(1921, 1080)));
-    EXPECT_TRUE(encoder->supports(enc(1920, 1080)));
-    EXPECT_FALSE(encoder->supports(enc(1920, 1080, 2048))) << "measured with the stride";
-    EXPECT_TRUE(encoder->supports(enc(100, 100, 2048)));
-    EXPECT_FALSE(encoder->supports(enc(15, 100)));
-    EXPECT_FALSE(encoder->supports(enc(100, 15)));
-    EXPECT_FALSE(encoder->supports(enc(640, 480, 0, CodecType::VP8)));
-    EXPECT_TRUE(decoder->supports(dec(2000, 1000)));
-    EXPECT_FALSE(decoder->supports(dec(1921, 1080)));
-    EXPECT_FALSE(negative->supports(enc(100, 100)));
+    for (const Case& c : std::vector<Case>{{2000, 1000, 0, CodecType::H264, true},
+                                           {1921, 1080, 0, CodecType::H264, false},
+                                           {1920, 1080, 0, CodecType::H264, true},
+                                           {1920, 1080, 2048, CodecType::H264, false}, // measured with the stride
+                                           {100, 100, 2048, CodecType::H264, true},
+                                           {15, 100, 0, CodecType::H264, false},
+                                           {100, 15, 0, CodecType::H264, false},
+                                           {640, 480, 0, CodecType::VP8, false}}) {
+        auto metadata = stream<VideoEncoderMetadata>(c.width, c.height, c.type);
+        metadata.stride = c.stride;
+        EXPECT_EQ(encoder->supports(metadata), c.encoderSupports) << c.width << "x" << c.height << "/" << c.stride;
+    }
+    EXPECT_TRUE(decoder->supports(stream<VideoDecoderMetadata>(2000, 1000)));
+    EXPECT_FALSE(decoder->supports(stream<VideoDecoderMetadata>(1921, 1080)));
+    EXPECT_FALSE(negative->supports(stream<VideoEncoderMetadata>(100, 100)));
 }
 
 TEST_F(CodecBase, SupportQueriesCreateAnInstanceAndWalkWithTheCallersId)
 {
-    TestManager manager({VideoCodecDesc(info("sw", CodecType::H264, true, 1), fullHd, {2, 2}),
-                         VideoCodecDesc(info("hw", CodecType::VP8, true, 1, true), fullHd, {2, 2}),
-                         VideoCodecDesc(info("dec", CodecType::H264, false, 1), fullHd, {2, 2})});
-    manager.init();
-    VideoEncoderMetadata m;
-    m.codecType = CodecType::H264;
-    m.width = 640;
-    m.height = 480;
+    TestManager manager({desc("sw", CodecType::H264, true, 1), desc("hw", CodecType::VP8, true, 1, true),
+                         desc("dec", CodecType::H264, false, 1)});
+    const auto m = stream<VideoEncoderMetadata>(640, 480);
     EXPECT_TRUE(manager.videoEncoderSupports("sw", m, false));
     EXPECT_FALSE(manager.videoEncoderSupports("sw", m, true));
     EXPECT_FALSE(manager.videoEncoderSupports("", m, false));
-    VideoDecoderMetadata d;
-    d.codecType = CodecType::H264;
-    d.width = 640;
-    d.height = 480;
-    EXPECT_TRUE(manager.videoDecoderSupports("dec", d, false));
+    EXPECT_TRUE(manager.videoDecoderSupports("dec", stream<VideoDecoderMetadata>(640, 480), false));
 
     // While "sw" is busy: one try by id, then one per encoder entry, all
     // with the caller's id, so all fail.
@@ -290,8 +255,7 @@ TEST_F(CodecBase, SupportQueriesCreateAnInstanceAndWalkWithTheCallersId)
 TEST_F(CodecBase, InstanceCountSurvivesContention)
 {
     constexpr int maxInstances = 3;
-    TestManager manager({VideoCodecDesc(info("busy", CodecType::H264, true, maxInstances), fullHd, {2, 2})});
-    manager.init();
+    TestManager manager({desc("busy", CodecType::H264, true, maxInstances)});
     liveInstances = 0;
     mostLiveInstances = 0;
     std::atomic<int> created{0};
@@ -299,8 +263,7 @@ TEST_F(CodecBase, InstanceCountSurvivesContention)
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&] {
             for (int i = 0; i < 300; ++i) {
-                auto encoder = manager.createVideoEncoder(CodecType::H264, false);
-                if (encoder) {
+                if (auto encoder = manager.createVideoEncoder(CodecType::H264, false)) {
                     ++created;
                     std::this_thread::yield();
                 }
@@ -322,8 +285,7 @@ TEST_F(CodecBase, InstanceCountSurvivesContention)
 
 TEST_F(CodecBase, ListenerCanRemoveItselfFromInsideACall)
 {
-    TestManager manager({VideoCodecDesc(info("l", CodecType::H264, true, 1), fullHd, {2, 2})});
-    manager.init();
+    TestManager manager({desc("l", CodecType::H264, true, 1)});
     auto encoder = std::static_pointer_cast<TestEncoder>(manager.createVideoEncoderById("l"));
     ASSERT_NE(encoder, nullptr);
     struct Listener : VideoEncoderListener {

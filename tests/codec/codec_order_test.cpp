@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -26,7 +28,7 @@ VideoCodecInfo codec(int index, int priority, bool hw)
     return info;
 }
 
-std::vector<std::string> ids(const VideoCodecInfo* first, const VideoCodecInfo* last)
+template <typename Iterator> std::vector<std::string> ids(Iterator first, Iterator last)
 {
     std::vector<std::string> result;
     for (; first != last; ++first)
@@ -38,32 +40,10 @@ std::vector<std::string> ids(const VideoCodecInfo* first, const VideoCodecInfo* 
 // sees any read or write past either end.
 std::vector<std::string> sortedByUs(const std::vector<VideoCodecInfo>& codecs)
 {
-    const std::size_t n = codecs.size();
-    auto array = std::make_unique<VideoCodecInfo[]>(n);
+    auto array = std::make_unique<VideoCodecInfo[]>(codecs.size());
     std::copy(codecs.begin(), codecs.end(), array.get());
-    sortCodecs(array.get(), array.get() + n);
-    return ids(array.get(), array.get() + n);
-}
-
-std::vector<std::string> sortedByStd(std::vector<VideoCodecInfo> codecs)
-{
-    std::sort(codecs.begin(), codecs.end(), codecOrderLess);
-    return ids(codecs.data(), codecs.data() + codecs.size());
-}
-
-// Every hardware priority at or above every software one: the comparator is a
-// strict weak order. Few distinct priorities, so many elements tie and the
-// unstable placement of equal elements is compared too.
-std::vector<VideoCodecInfo> consistentList(std::mt19937& random, int n)
-{
-    std::uniform_int_distribution<int> priority(0, 6);
-    std::bernoulli_distribution hw(0.4);
-    std::vector<VideoCodecInfo> list;
-    for (int i = 0; i < n; ++i) {
-        const bool isHw = hw(random);
-        list.push_back(codec(i, isHw ? 6 + priority(random) : priority(random), isHw));
-    }
-    return list;
+    sortCodecs(array.get(), array.get() + codecs.size());
+    return ids(array.get(), array.get() + codecs.size());
 }
 
 // An input on which median-of-three quicksort degrades, so the introsort runs
@@ -76,8 +56,7 @@ std::vector<int> adversarialValues(int n)
     int solid = 0;
     int candidate = 0;
     std::vector<int> order(n);
-    for (int i = 0; i < n; ++i)
-        order[i] = i;
+    std::iota(order.begin(), order.end(), 0);
     std::sort(order.begin(), order.end(), [&](int x, int y) {
         if (values[x] == gas && values[y] == gas)
             values[x == candidate ? x : y] = solid++;
@@ -95,27 +74,33 @@ std::vector<int> adversarialValues(int n)
 
 TEST(CodecOrder, ComparatorIsExactlyHardwareOrHigherPriority)
 {
-    EXPECT_TRUE(codecOrderLess(codec(0, 1, true), codec(1, 5, false)));
-    EXPECT_TRUE(codecOrderLess(codec(0, 5, false), codec(1, 1, true)));
-    EXPECT_TRUE(codecOrderLess(codec(0, 5, false), codec(1, 1, false)));
-    EXPECT_FALSE(codecOrderLess(codec(0, 5, true), codec(1, 5, true)));
-    EXPECT_FALSE(codecOrderLess(codec(0, 1, false), codec(1, 1, true)));
-    EXPECT_FALSE(codecOrderLess(codec(0, 5, true), codec(0, 5, true)));
+    // {priority a, hw a, priority b, hw b, a before b}
+    for (const auto& c : std::vector<std::array<int, 5>>{
+             {1, 1, 5, 0, 1}, {5, 0, 1, 1, 1}, {5, 0, 1, 0, 1}, {5, 1, 5, 1, 0}, {1, 0, 1, 1, 0}})
+        EXPECT_EQ(codecOrderLess(codec(0, c[0], c[1]), codec(1, c[2], c[3])), c[4] == 1)
+            << c[0] << c[1] << " < " << c[2] << c[3];
 }
 
+// Random lists where every hardware priority is at or above every software
+// one, so the comparator is a strict weak order; few distinct priorities, so
+// many elements tie and the unstable placement of equal elements is compared
+// too. Then presorted and all-equal lists, and inputs that exhaust the depth
+// budget.
 TEST(CodecOrder, SameAsStdSortWhereTheOrderIsConsistent)
 {
+    std::vector<std::vector<VideoCodecInfo>> lists;
     std::mt19937 random(12345);
+    std::uniform_int_distribution<int> priority(0, 6);
+    std::bernoulli_distribution hw(0.4);
     for (int n : {0, 1, 2, 3, 15, 16, 17, 18, 31, 33, 64, 100, 257, 1000}) {
         for (int round = 0; round < 20; ++round) {
-            const auto list = consistentList(random, n);
-            ASSERT_EQ(sortedByUs(list), sortedByStd(list)) << "n=" << n << " round=" << round;
+            lists.emplace_back();
+            for (int i = 0; i < n; ++i) {
+                const bool isHw = hw(random);
+                lists.back().push_back(codec(i, isHw ? 6 + priority(random) : priority(random), isHw));
+            }
         }
     }
-}
-
-TEST(CodecOrder, SameAsStdSortOnPresortedAndAllEqualLists)
-{
     for (int n : {17, 40, 500}) {
         std::vector<VideoCodecInfo> equal, ascending, descending;
         for (int i = 0; i < n; ++i) {
@@ -123,33 +108,21 @@ TEST(CodecOrder, SameAsStdSortOnPresortedAndAllEqualLists)
             ascending.push_back(codec(i, i, false));
             descending.push_back(codec(i, n - i, i < n / 3));
         }
-        EXPECT_EQ(sortedByUs(equal), sortedByStd(equal)) << n;
-        EXPECT_EQ(sortedByUs(ascending), sortedByStd(ascending)) << n;
-        EXPECT_EQ(sortedByUs(descending), sortedByStd(descending)) << n;
+        lists.insert(lists.end(), {equal, ascending, descending});
     }
-}
-
-TEST(CodecOrder, SameAsStdSortWhenTheDepthBudgetRunsOut)
-{
     for (int n : {64, 300, 2000}) {
-        const auto values = adversarialValues(n);
-        std::vector<VideoCodecInfo> list;
         // Descending priority comes first, so negate to make the adversary's
         // ascending order ours.
+        const auto values = adversarialValues(n);
+        lists.emplace_back();
         for (int i = 0; i < n; ++i)
-            list.push_back(codec(i, -values[i], false));
-        const auto ours = sortedByUs(list);
-        ASSERT_EQ(ours, sortedByStd(list)) << n;
-        // And it is sorted.
-        for (int i = 1; i < n; ++i)
-            EXPECT_GE(-values[std::stoi(ours[i - 1])], -values[std::stoi(ours[i])]);
+            lists.back().push_back(codec(i, -values[i], false));
     }
-}
-
-TEST(CodecOrder, TwoElementHardwareTenSoftwareTwentySwapEitherWay)
-{
-    EXPECT_EQ(sortedByUs({codec(0, 10, true), codec(1, 20, false)}), (std::vector<std::string>{"1", "0"}));
-    EXPECT_EQ(sortedByUs({codec(0, 20, false), codec(1, 10, true)}), (std::vector<std::string>{"1", "0"}));
+    for (auto list : lists) {
+        const auto ours = sortedByUs(list);
+        std::sort(list.begin(), list.end(), codecOrderLess);
+        ASSERT_EQ(ours, ids(list.begin(), list.end())) << "list of " << list.size();
+    }
 }
 
 TEST(CodecOrder, InconsistentListsStayInsideTheArrayAndKeepEveryElement)
@@ -158,16 +131,16 @@ TEST(CodecOrder, InconsistentListsStayInsideTheArrayAndKeepEveryElement)
     // sort must still stay within the array (checked by AddressSanitizer in
     // that build) and return a permutation of its input.
     std::mt19937 random(777);
+    std::bernoulli_distribution hw(0.5);
     for (int n : {2, 5, 16, 17, 20, 33, 64, 200, 1000}) {
         for (int round = 0; round < 30; ++round) {
             std::uniform_int_distribution<int> priority(0, round % 2 == 0 ? 3 : 1000);
-            std::bernoulli_distribution hw(0.5);
             std::vector<VideoCodecInfo> list;
             for (int i = 0; i < n; ++i)
                 list.push_back(codec(i, priority(random), hw(random)));
             auto result = sortedByUs(list);
             std::sort(result.begin(), result.end());
-            auto input = ids(list.data(), list.data() + list.size());
+            auto input = ids(list.begin(), list.end());
             std::sort(input.begin(), input.end());
             ASSERT_EQ(result, input) << "n=" << n << " round=" << round;
         }

@@ -5,6 +5,8 @@
 
 #include <cmath>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <lumiflux/parameters.h>
 
@@ -31,7 +33,7 @@ public:
     bool validate(const std::string& value) const override { return DiscreteParameterMixin::validate(value); }
 };
 
-// Upper-cases what it stores, to tell stored from converted text apart.
+// Overrides assign(), to see which assign() change() uses.
 class Shouting : public ReadOnlyParameter {
 public:
     using ReadOnlyParameter::ReadOnlyParameter;
@@ -44,87 +46,76 @@ public:
     std::string adjust(const std::string& value) const override { return value + value; }
 };
 
-TEST(Parameters, IntReadsLikeScanfAndKeepsTheText)
+TEST(Parameters, NumbersReadLikeScanfKeepTheTextAndStayInRange)
 {
-    IntParameter p("10", 0, 100);
-    EXPECT_EQ(p.value(), 10);
-    EXPECT_TRUE(p.set("50"));
-    EXPECT_EQ(p.value(), 50);
-    EXPECT_FALSE(p.set("101"));
-    EXPECT_FALSE(p.set("-1"));
-    EXPECT_EQ(p.get(), "50") << "a refused value changes nothing";
-    EXPECT_EQ(p.value(), 50);
-    EXPECT_TRUE(p.set("0x20"));
-    EXPECT_EQ(p.value(), 32);
-    EXPECT_EQ(p.get(), "0x20");
-    EXPECT_TRUE(p.set("010"));
-    EXPECT_EQ(p.value(), 8) << "leading 0 is octal";
-    EXPECT_TRUE(p.set("08"));
-    EXPECT_EQ(p.value(), 0) << "the octal number ends at the 8";
-    EXPECT_FALSE(p.set("abc"));
-    EXPECT_FALSE(p.set(""));
-    EXPECT_TRUE(p.set(" 7"));
-    EXPECT_EQ(p.value(), 7);
-    EXPECT_TRUE(p.set("12abc"));
-    EXPECT_EQ(p.value(), 12);
-    EXPECT_EQ(p.get(), "12abc");
-    EXPECT_TRUE(p.set("+0X1f"));
-    EXPECT_EQ(p.value(), 31);
-}
+    // {text, accepted, value read}: a refused text changes nothing.
+    // A leading 0 is octal, and "08" reads as 0: the octal number ends at the 8.
+    struct IntCase {
+        const char* text;
+        bool accepted;
+        int value;
+    };
+    IntParameter i("10", 0, 100);
+    EXPECT_EQ(i.value(), 10);
+    for (const IntCase& c : std::vector<IntCase>{{"50", true, 50},
+                                                 {"101", false, 50},
+                                                 {"-1", false, 50},
+                                                 {"0x20", true, 32},
+                                                 {"010", true, 8},
+                                                 {"08", true, 0},
+                                                 {"abc", false, 0},
+                                                 {"", false, 0},
+                                                 {" 7", true, 7},
+                                                 {"12abc", true, 12},
+                                                 {"+0X1f", true, 31}}) {
+        const std::string before = i.get();
+        EXPECT_EQ(i.set(c.text), c.accepted) << c.text;
+        EXPECT_EQ(i.value(), c.value) << c.text;
+        EXPECT_EQ(i.get(), c.accepted ? c.text : before) << c.text;
+    }
 
-TEST(Parameters, FloatRefusesNanAndOutOfRange)
-{
-    FloatParameter p("0.25", 0.0f, 1.0f);
-    EXPECT_FLOAT_EQ(p.value(), 0.25f);
-    EXPECT_TRUE(p.set("0.5"));
-    EXPECT_FLOAT_EQ(p.value(), 0.5f);
-    EXPECT_FALSE(p.set("1.5"));
-    EXPECT_FALSE(p.set("nan"));
+    FloatParameter f("0.25", 0.0f, 1.0f);
+    EXPECT_FLOAT_EQ(f.value(), 0.25f);
+    for (const char* refused : {"1.5", "nan", "-0.1", "."})
+        EXPECT_FALSE(f.set(refused)) << refused;
+    EXPECT_TRUE(f.set("5e-1x"));
+    EXPECT_FLOAT_EQ(f.value(), 0.5f);
     float read = 0;
-    EXPECT_TRUE(p.convert("nan", &read)) << "nan is a number to scanf";
+    EXPECT_TRUE(f.convert("nan", &read)) << "nan is a number to scanf";
     EXPECT_TRUE(std::isnan(read));
-    EXPECT_TRUE(p.set("5e-1x"));
-    EXPECT_FLOAT_EQ(p.value(), 0.5f);
-    EXPECT_FALSE(p.set("-0.1"));
-    EXPECT_FALSE(p.set("."));
 }
 
 TEST(Parameters, RangeTexts)
 {
-    EXPECT_EQ(IntParameter("0", 0, 100).range(), "0-100");
-    EXPECT_EQ(IntParameter("-7", -10, 5).range(), "-10-5");
-    EXPECT_EQ(IntParameter("-7", -10, -5).range(), "-10--5");
-    EXPECT_EQ(FloatParameter("1", 0.5f, 2.0f).range(), "0.5-2");
-    EXPECT_EQ(FloatParameter("1", 0.0f, 1000000.0f).range(), "0-1e+06");
-    EXPECT_EQ(FloatParameter("1", -0.125f, 1234567.0f).range(), "-0.125-1.23457e+06");
-    EXPECT_EQ(Parameter("x").range(), "-");
-    EXPECT_EQ(ReadOnlyParameter("x").range(), "-");
-    EXPECT_EQ(Choice("low", {"low", "medium", "high"}).range(), "low,medium,high");
+    const std::pair<std::string, std::string> cases[] = {
+        {IntParameter("0", 0, 100).range(), "0-100"},
+        {IntParameter("-7", -10, 5).range(), "-10-5"},
+        {IntParameter("-7", -10, -5).range(), "-10--5"},
+        {FloatParameter("1", 0.5f, 2.0f).range(), "0.5-2"},
+        {FloatParameter("1", 0.0f, 1000000.0f).range(), "0-1e+06"},
+        {FloatParameter("1", -0.125f, 1234567.0f).range(), "-0.125-1.23457e+06"},
+        {Parameter("x").range(), "-"},
+        {ReadOnlyParameter("x").range(), "-"},
+        {Choice("low", {"low", "medium", "high"}).range(), "low,medium,high"}};
+    for (const auto& [actual, expected] : cases)
+        EXPECT_EQ(actual, expected);
 }
 
-TEST(Parameters, DiscreteValuesAndIndex)
+TEST(Parameters, DiscreteValuesAndAdjustedText)
 {
     Choice c("a", {"a", "b"});
-    EXPECT_EQ(c.index("a"), 0u);
     EXPECT_EQ(c.index("b"), 1u);
-    EXPECT_EQ(c.index("c"), 2u);
-    EXPECT_FALSE(c.validate("A"));
-    EXPECT_FALSE(c.set("c"));
+    EXPECT_EQ(c.index("c"), 2u) << "past the end when not allowed";
+    EXPECT_FALSE(c.set("A"));
     EXPECT_TRUE(c.set("b"));
     EXPECT_EQ(c.get(), "b");
-    EXPECT_EQ(c.range(), "a,b");
-}
 
-TEST(Parameters, SetStoresTheAdjustedTextButConvertsTheCallersText)
-{
+    // set() stores the adjusted text but converts the caller's.
     Doubled p("1", 0, 1000);
     EXPECT_TRUE(p.set("5"));
     EXPECT_EQ(p.get(), "55");
     EXPECT_EQ(p.value(), 5);
-    Parameter plain("a");
-    plain.assign("anything at all");
-    EXPECT_EQ(plain.get(), "anything at all");
-    EXPECT_TRUE(plain.set("b"));
+    EXPECT_TRUE(Parameter("a").set("anything at all")) << "the base accepts every text";
 }
 
 TEST(Parameters, ReadOnlyChangesOnlyThroughChange)
