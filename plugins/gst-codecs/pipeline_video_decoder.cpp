@@ -49,15 +49,6 @@ bool PipelineVideoDecoder::start()
                                        << std::endl;
         return false;
     }
-    PipelineParts parts;
-    std::string error;
-    if (!buildPipeline(entry, &parts, &error) || !applyParameters(parts.codec.get(), parameterSet, entry, &error)) {
-        LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": " << error << std::endl;
-        return false;
-    }
-    for (const auto& property : entry.fixedProperties)
-        gst_util_set_object_arg(G_OBJECT(parts.codec.get()), property.first.c_str(), property.second.c_str());
-
     auto caps = Internal::Ref<GstCaps>::adopt(gst_caps_from_string(entry.encodedCaps.c_str()));
     caps = Internal::Ref<GstCaps>::adopt(gst_caps_make_writable(caps.release()));
     if (metadata.width > 0 && metadata.height > 0)
@@ -65,25 +56,16 @@ bool PipelineVideoDecoder::start()
                             nullptr);
     if (metadata.framerate > 0)
         gst_caps_set_simple(caps.get(), "framerate", GST_TYPE_FRACTION, metadata.framerate, 1, nullptr);
-    g_object_set(parts.source.get(), "caps", caps.get(), "format", GST_FORMAT_TIME, "is-live", FALSE, "block", TRUE,
-                 "max-buffers", static_cast<guint64>(8), nullptr);
-    GstAppSinkCallbacks callbacks{};
-    callbacks.new_sample = &PipelineVideoDecoder::onNewSample;
-    callbacks.eos = &PipelineVideoDecoder::onEos;
-    // The callbacks and the bus handler end with the pipeline, in teardown().
-    gst_app_sink_set_callbacks(GST_APP_SINK(parts.sink.get()), &callbacks, this, nullptr);
-    watchBus(parts.pipeline.get(), &PipelineVideoDecoder::onBusMessage, this);
-
-    pipeline = parts.pipeline;
-    source = parts.source;
-    codecElement = parts.codec;
     profileKnown = false;
     unitsGiven = 0;
     framesDelivered = 0;
     failed = false;
-    if (gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-        LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": the pipeline does not start" << std::endl;
-        teardown();
+    std::string error;
+    if (!pipeline.start(entry, parameterSet, caps.get(), 8,
+                        {[this](GstSample* sample) { deliver(sample); }, [this] { endOfStream(); },
+                         [this](const std::string& message) { reportError(message); }},
+                        &error)) {
+        LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": " << error << std::endl;
         return false;
     }
     return true;
@@ -102,7 +84,7 @@ bool PipelineVideoDecoder::decode(const std::uint8_t* data, std::size_t size, st
     GstBuffer* buffer = gst_buffer_new_memdup(data, size);
     GST_BUFFER_PTS(buffer) = timestamp >= 0 ? static_cast<GstClockTime>(timestamp) * GST_USECOND : GST_CLOCK_TIME_NONE;
     ++unitsGiven;
-    const GstFlowReturn result = gst_app_src_push_buffer(GST_APP_SRC(source.get()), buffer);
+    const GstFlowReturn result = gst_app_src_push_buffer(GST_APP_SRC(pipeline.source()), buffer);
     if (result != GST_FLOW_OK) {
         LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": unit refused: " << gst_flow_get_name(result) << std::endl;
         return false;
@@ -114,16 +96,12 @@ bool PipelineVideoDecoder::drain()
 {
     if (!pipeline)
         return false;
-    return gst_app_src_end_of_stream(GST_APP_SRC(source.get())) == GST_FLOW_OK;
+    return gst_app_src_end_of_stream(GST_APP_SRC(pipeline.source())) == GST_FLOW_OK;
 }
 
 bool PipelineVideoDecoder::flush()
 {
-    if (!pipeline)
-        return false;
-    // Back to READY drops whatever is queued in every element.
-    gst_element_set_state(pipeline.get(), GST_STATE_READY);
-    return gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
+    return pipeline.flush();
 }
 
 bool PipelineVideoDecoder::stop()
@@ -136,14 +114,7 @@ bool PipelineVideoDecoder::stop()
 
 void PipelineVideoDecoder::teardown()
 {
-    if (!pipeline)
-        return;
-    // Joins the streaming threads: no callback runs after this.
-    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-    unwatchBus(pipeline.get());
-    codecElement.reset();
-    source.reset();
-    pipeline.reset();
+    pipeline.stop();
     factory.reset();
     factoryCaps.reset();
 }
@@ -168,14 +139,6 @@ const Internal::ParameterSet& PipelineVideoDecoder::parameters() const
     return parameterSet;
 }
 
-GstFlowReturn PipelineVideoDecoder::onNewSample(GstAppSink* sink, gpointer self)
-{
-    auto sample = Internal::Ref<GstSample>::adopt(gst_app_sink_pull_sample(sink));
-    if (sample)
-        static_cast<PipelineVideoDecoder*>(self)->deliver(sample.get());
-    return GST_FLOW_OK;
-}
-
 void PipelineVideoDecoder::deliver(GstSample* sample)
 {
     GstCaps* caps = gst_sample_get_caps(sample);
@@ -190,9 +153,9 @@ void PipelineVideoDecoder::deliver(GstSample* sample)
         return;
     {
         std::lock_guard<std::mutex> lock(parameterMutex);
-        if (!profileKnown && codecElement) {
+        if (!profileKnown && pipeline.codec() != nullptr) {
             // The profile is in the parser's output caps, the codec element's input.
-            auto pad = Internal::Ref<GstPad>::adopt(gst_element_get_static_pad(codecElement.get(), "sink"));
+            auto pad = Internal::Ref<GstPad>::adopt(gst_element_get_static_pad(pipeline.codec(), "sink"));
             auto padCaps = Internal::Ref<GstCaps>::adopt(pad ? gst_pad_get_current_caps(pad.get()) : nullptr);
             const std::string profile = capsField(padCaps.get(), "profile");
             if (!profile.empty())
@@ -203,55 +166,23 @@ void PipelineVideoDecoder::deliver(GstSample* sample)
     // Zero copy: the graphic buffer holds a reference on the sink's buffer.
     std::shared_ptr<GraphicBuffer> frame = factory->create(buffer);
     ++framesDelivered;
-    std::lock_guard<std::recursive_mutex> lock(listenerMutex);
-    if (listener != nullptr) {
-        try {
-            listener->onDecodedFrame(frame);
-        } catch (...) {
-            // Nothing may unwind through GStreamer's streaming thread.
-            LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": listener threw" << std::endl;
-        }
-    }
+    notifyListener(listenerMutex, listener, entry.id, [&](VideoDecoderListener& l) { l.onDecodedFrame(frame); });
 }
 
-void PipelineVideoDecoder::onEos(GstAppSink*, gpointer self)
+void PipelineVideoDecoder::endOfStream()
 {
-    auto* decoder = static_cast<PipelineVideoDecoder*>(self);
     // A decoder that swallowed input without producing a single frame (a
     // parser drops what it cannot frame) did fail, even if no element said so.
-    if (decoder->unitsGiven > 0 && decoder->framesDelivered == 0 && !decoder->failed)
-        decoder->reportError("no frame could be decoded from " + std::to_string(decoder->unitsGiven.load()) +
-                             " input units");
-    std::lock_guard<std::recursive_mutex> lock(decoder->listenerMutex);
-    if (decoder->listener != nullptr) {
-        try {
-            decoder->listener->onDecoderEos();
-        } catch (...) {
-            LUMIFLUX_LOG_DIGIT(2, "main ") << decoder->entry.id << ": listener threw" << std::endl;
-        }
-    }
+    if (unitsGiven > 0 && framesDelivered == 0 && !failed)
+        reportError("no frame could be decoded from " + std::to_string(unitsGiven.load()) + " input units");
+    notifyListener(listenerMutex, listener, entry.id, [](VideoDecoderListener& l) { l.onDecoderEos(); });
 }
 
 void PipelineVideoDecoder::reportError(const std::string& message)
 {
     failed = true;
     LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": " << message << std::endl;
-    std::lock_guard<std::recursive_mutex> lock(listenerMutex);
-    if (listener != nullptr) {
-        try {
-            listener->onDecoderError(message);
-        } catch (...) {
-            LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": listener threw" << std::endl;
-        }
-    }
-}
-
-GstBusSyncReply PipelineVideoDecoder::onBusMessage(GstBus*, GstMessage* message, gpointer self)
-{
-    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
-        static_cast<PipelineVideoDecoder*>(self)->reportError(errorText(message));
-    // Nobody pops this bus: every message ends here.
-    return GST_BUS_DROP;
+    notifyListener(listenerMutex, listener, entry.id, [&](VideoDecoderListener& l) { l.onDecoderError(message); });
 }
 
 } // namespace Tevara::Lumiflux::GstCodecs

@@ -17,6 +17,7 @@
 #include <lumiflux/gst_graphic_buffer.h>
 
 #include "codec_catalog.h"
+#include "codec_pipeline.h"
 #include "core/glib_ref.h"
 
 namespace Tevara::Lumiflux::GstCodecs {
@@ -38,11 +39,9 @@ public:
     const Internal::ParameterSet& parameters() const override;
 
 private:
-    static GstFlowReturn onNewSample(GstAppSink* sink, gpointer self);
-    static void onEos(GstAppSink* sink, gpointer self);
-    static GstBusSyncReply onBusMessage(GstBus* bus, GstMessage* message, gpointer self);
-
+    // Streaming threads, from the pipeline's handlers.
     void deliver(GstSample* sample);
+    void endOfStream();
     void reportError(const std::string& message);
     void teardown();
 
@@ -50,9 +49,7 @@ private:
     VideoDecoderMetadata metadata;
     bool configured = false;
 
-    Internal::Ref<GstElement> pipeline;
-    Internal::Ref<GstElement> source;
-    Internal::Ref<GstElement> codecElement;
+    CodecPipeline pipeline;
 
     // Streaming thread only: the factory follows the negotiated caps.
     Internal::Ref<GstCaps> factoryCaps;

@@ -71,33 +71,15 @@ bool PipelineVideoEncoder::start()
                                        << std::endl;
         return false;
     }
-    PipelineParts parts;
-    std::string error;
-    if (!buildPipeline(entry, &parts, &error) || !applyParameters(parts.codec.get(), parameterSet, entry, &error)) {
-        LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": " << error << std::endl;
-        return false;
-    }
-    for (const auto& property : entry.fixedProperties)
-        gst_util_set_object_arg(G_OBJECT(parts.codec.get()), property.first.c_str(), property.second.c_str());
-
     auto caps = Internal::Ref<GstCaps>::adopt(gst_video_info_to_caps(&inputInfo));
-    g_object_set(parts.source.get(), "caps", caps.get(), "format", GST_FORMAT_TIME, "is-live", FALSE, "block", TRUE,
-                 "max-buffers", static_cast<guint64>(4), nullptr);
-    GstAppSinkCallbacks callbacks{};
-    callbacks.new_sample = &PipelineVideoEncoder::onNewSample;
-    callbacks.eos = &PipelineVideoEncoder::onEos;
-    // The callbacks and the bus handler end with the pipeline, in teardown().
-    gst_app_sink_set_callbacks(GST_APP_SINK(parts.sink.get()), &callbacks, this, nullptr);
-    watchBus(parts.pipeline.get(), &PipelineVideoEncoder::onBusMessage, this);
-
-    pipeline = parts.pipeline;
-    source = parts.source;
-    codecElement = parts.codec;
     frameCount = 0;
     pending = 0;
-    if (gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-        LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": the pipeline does not start" << std::endl;
-        teardown();
+    std::string error;
+    if (!pipeline.start(entry, parameterSet, caps.get(), 4,
+                        {[this](GstSample* sample) { deliver(sample); }, [this] { endOfStream(); },
+                         [this](const std::string& message) { reportError(message); }},
+                        &error)) {
+        LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": " << error << std::endl;
         return false;
     }
     return true;
@@ -167,10 +149,10 @@ bool PipelineVideoEncoder::encode(const std::shared_ptr<GraphicBuffer>& frame, b
         // Serialized with the buffers, so it applies to exactly this frame.
         GstEvent* event = gst_video_event_new_downstream_force_key_unit(GST_BUFFER_PTS(buffer), GST_CLOCK_TIME_NONE,
                                                                         GST_CLOCK_TIME_NONE, TRUE, 0);
-        gst_element_send_event(source.get(), event);
+        gst_element_send_event(pipeline.source(), event);
     }
     ++pending;
-    const GstFlowReturn result = gst_app_src_push_buffer(GST_APP_SRC(source.get()), buffer);
+    const GstFlowReturn result = gst_app_src_push_buffer(GST_APP_SRC(pipeline.source()), buffer);
     if (result != GST_FLOW_OK) {
         --pending;
         LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": frame refused: " << gst_flow_get_name(result) << std::endl;
@@ -182,18 +164,16 @@ bool PipelineVideoEncoder::encode(const std::shared_ptr<GraphicBuffer>& frame, b
 void PipelineVideoEncoder::eos()
 {
     if (pipeline)
-        gst_app_src_end_of_stream(GST_APP_SRC(source.get()));
+        gst_app_src_end_of_stream(GST_APP_SRC(pipeline.source()));
 }
 
 bool PipelineVideoEncoder::flush()
 {
-    if (!pipeline)
-        return false;
-    // Back to READY drops whatever is queued in every element; the stream
-    // then starts afresh with the next frame.
-    gst_element_set_state(pipeline.get(), GST_STATE_READY);
+    // Frames are given from the one application thread that also flushes,
+    // so none is in flight once the pipeline has dropped its queue.
+    const bool flushed = pipeline.flush();
     pending = 0;
-    return gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
+    return flushed;
 }
 
 bool PipelineVideoEncoder::stop()
@@ -206,14 +186,7 @@ bool PipelineVideoEncoder::stop()
 
 void PipelineVideoEncoder::teardown()
 {
-    if (!pipeline)
-        return;
-    // Joins the streaming threads: no callback runs after this.
-    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-    unwatchBus(pipeline.get());
-    codecElement.reset();
-    source.reset();
-    pipeline.reset();
+    pipeline.stop();
     pending = 0;
 }
 
@@ -223,15 +196,15 @@ bool PipelineVideoEncoder::setParameter(unsigned id, const std::string& value)
     if (binding == nullptr || binding->kind == ParameterBinding::Kind::ReadOnly)
         return false;
     std::lock_guard<std::mutex> lock(parameterMutex);
-    if (codecElement && !changeableWhilePlaying(codecElement.get(), binding->property)) {
+    if (pipeline.codec() != nullptr && !changeableWhilePlaying(pipeline.codec(), binding->property)) {
         LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": parameter " << id << " cannot change while started"
                                        << std::endl;
         return false;
     }
     if (!parameterSet.set(id, value))
         return false;
-    if (codecElement)
-        applyParameter(codecElement.get(), parameterSet, *binding);
+    if (pipeline.codec() != nullptr)
+        applyParameter(pipeline.codec(), parameterSet, *binding);
     return true;
 }
 
@@ -249,14 +222,6 @@ const Internal::ParameterSet& PipelineVideoEncoder::parameters() const
 int PipelineVideoEncoder::pendingFrames() const
 {
     return pending.load();
-}
-
-GstFlowReturn PipelineVideoEncoder::onNewSample(GstAppSink* sink, gpointer self)
-{
-    auto sample = Internal::Ref<GstSample>::adopt(gst_app_sink_pull_sample(sink));
-    if (sample)
-        static_cast<PipelineVideoEncoder*>(self)->deliver(sample.get());
-    return GST_FLOW_OK;
 }
 
 void PipelineVideoEncoder::deliver(GstSample* sample)
@@ -283,53 +248,20 @@ void PipelineVideoEncoder::deliver(GstSample* sample)
     frame.keyFrame = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
     if (pending > 0)
         --pending;
-    {
-        std::lock_guard<std::recursive_mutex> lock(listenerMutex);
-        if (listener != nullptr) {
-            try {
-                listener->onEncodedFrame(frame);
-            } catch (...) {
-                // Nothing may unwind through GStreamer's streaming thread.
-                LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": listener threw" << std::endl;
-            }
-        }
-    }
+    notifyListener(listenerMutex, listener, entry.id, [&](VideoEncoderListener& l) { l.onEncodedFrame(frame); });
     gst_buffer_unmap(buffer, &map);
 }
 
-void PipelineVideoEncoder::onEos(GstAppSink*, gpointer self)
+void PipelineVideoEncoder::endOfStream()
 {
-    auto* encoder = static_cast<PipelineVideoEncoder*>(self);
-    encoder->pending = 0;
-    std::lock_guard<std::recursive_mutex> lock(encoder->listenerMutex);
-    if (encoder->listener != nullptr) {
-        try {
-            encoder->listener->onEncoderEos();
-        } catch (...) {
-            LUMIFLUX_LOG_DIGIT(2, "main ") << encoder->entry.id << ": listener threw" << std::endl;
-        }
-    }
+    pending = 0;
+    notifyListener(listenerMutex, listener, entry.id, [](VideoEncoderListener& l) { l.onEncoderEos(); });
 }
 
 void PipelineVideoEncoder::reportError(const std::string& message)
 {
     LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": " << message << std::endl;
-    std::lock_guard<std::recursive_mutex> lock(listenerMutex);
-    if (listener != nullptr) {
-        try {
-            listener->onEncoderError(message);
-        } catch (...) {
-            LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": listener threw" << std::endl;
-        }
-    }
-}
-
-GstBusSyncReply PipelineVideoEncoder::onBusMessage(GstBus*, GstMessage* message, gpointer self)
-{
-    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
-        static_cast<PipelineVideoEncoder*>(self)->reportError(errorText(message));
-    // Nobody pops this bus: every message ends here.
-    return GST_BUS_DROP;
+    notifyListener(listenerMutex, listener, entry.id, [&](VideoEncoderListener& l) { l.onEncoderError(message); });
 }
 
 } // namespace Tevara::Lumiflux::GstCodecs

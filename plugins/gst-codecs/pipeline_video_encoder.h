@@ -14,6 +14,7 @@
 #include <lumiflux/codec_base.h>
 
 #include "codec_catalog.h"
+#include "codec_pipeline.h"
 #include "core/glib_ref.h"
 
 namespace Tevara::Lumiflux::GstCodecs {
@@ -36,14 +37,12 @@ public:
     void eos() override;
 
 private:
-    static GstFlowReturn onNewSample(GstAppSink* sink, gpointer self);
-    static void onEos(GstAppSink* sink, gpointer self);
-    static GstBusSyncReply onBusMessage(GstBus* bus, GstMessage* message, gpointer self);
-
     // The frame as a buffer of the configured layout: the frame's own
     // GStreamer buffer when it has one in that layout, else a copy.
     GstBuffer* inputBuffer(GraphicBuffer& frame);
+    // Streaming threads, from the pipeline's handlers.
     void deliver(GstSample* sample);
+    void endOfStream();
     void reportError(const std::string& message);
     void teardown();
 
@@ -52,9 +51,7 @@ private:
     bool configured = false;
     GstVideoInfo inputInfo;
 
-    Internal::Ref<GstElement> pipeline;
-    Internal::Ref<GstElement> source;
-    Internal::Ref<GstElement> codecElement;
+    CodecPipeline pipeline;
 
     std::int64_t frameCount = 0;
     std::atomic<int> pending{0};

@@ -1,0 +1,87 @@
+#pragma once
+
+// The running pipeline of one encoder or decoder, and how both hand results
+// to their listener.
+
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include <gst/app/app.h>
+#include <gst/gst.h>
+
+#include <lumiflux/parameters.h>
+
+#include "codec_catalog.h"
+#include "core/glib_ref.h"
+#include "core/log_macros.h"
+
+namespace Tevara::Lumiflux::GstCodecs {
+
+/**
+ * The pipeline of a started encoder or decoder (see buildPipeline()): start()
+ * builds it and sets it playing, flush() empties it, stop() ends it. The
+ * handlers run on GStreamer's streaming threads until stop() returns. Not
+ * copyable: the pipeline's callbacks point at this object.
+ */
+class CodecPipeline {
+public:
+    /** What the pipeline reports, on its streaming threads. */
+    struct Handlers {
+        std::function<void(GstSample*)> sample;        ///< every sample the appsink receives
+        std::function<void()> eos;                     ///< the end of the stream at the appsink
+        std::function<void(const std::string&)> error; ///< an error message of any element
+    };
+
+    CodecPipeline() = default;
+    ~CodecPipeline();
+    CodecPipeline(const CodecPipeline&) = delete;
+    CodecPipeline& operator=(const CodecPipeline&) = delete;
+
+    /**
+     * Builds the pipeline of `entry`, applies `parameters` and the entry's
+     * fixed properties to the codec element, gives the appsrc `caps` and room
+     * for `maxBuffers` queued buffers (pushing blocks beyond), and sets it
+     * playing. False with `error` set, and nothing left running, on failure.
+     */
+    bool start(const CodecEntry& entry, const Internal::ParameterSet& parameters, GstCaps* caps, guint64 maxBuffers,
+               Handlers handlers, std::string* error);
+    /** Drops whatever is queued in every element; the pipeline keeps playing. False when not started. */
+    bool flush();
+    /** Joins the streaming threads (no handler runs once this returns) and lets the pipeline go. */
+    void stop();
+
+    explicit operator bool() const { return static_cast<bool>(pipeline); } ///< started
+    GstElement* source() const { return appSource.get(); }                 ///< the appsrc, or null
+    GstElement* codec() const { return codecElement.get(); }               ///< the codec element, or null
+
+private:
+    static GstFlowReturn onNewSample(GstAppSink* sink, gpointer self);
+    static void onEos(GstAppSink* sink, gpointer self);
+    static GstBusSyncReply onBusMessage(GstBus* bus, GstMessage* message, gpointer self);
+
+    Handlers handlers;
+    Internal::Ref<GstElement> pipeline;
+    Internal::Ref<GstElement> appSource;
+    Internal::Ref<GstElement> codecElement;
+};
+
+/**
+ * Calls `call(*listener)` under `mutex` when there is a listener. Nothing may
+ * unwind through GStreamer's streaming thread: an exception is logged against
+ * codec `id` and dropped.
+ */
+template <typename Listener, typename Call>
+void notifyListener(std::recursive_mutex& mutex, Listener* const& listener, const std::string& id, Call call)
+{
+    std::lock_guard<std::recursive_mutex> lock(mutex);
+    if (listener == nullptr)
+        return;
+    try {
+        call(*listener);
+    } catch (...) {
+        LUMIFLUX_LOG_DIGIT(2, "main ") << id << ": listener threw" << std::endl;
+    }
+}
+
+} // namespace Tevara::Lumiflux::GstCodecs
