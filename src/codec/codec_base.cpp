@@ -78,77 +78,105 @@ void BaseCodecManager::releaseCodecId(const std::string& id)
     it->second.store(it->second.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
-bool BaseCodecManager::videoEncoderAvailable(CodecType type, bool hw)
+namespace {
+
+// The first codec of the walk by type: the given direction and type,
+// hardware when asked for, with a free instance. Null when there is none.
+const VideoCodecInfo* firstAvailable(const BaseCodecManager& manager, const std::vector<VideoCodecDesc>& codecs,
+                                     bool encoder, CodecType type, bool hw)
 {
     for (const auto& desc : codecs) {
         const VideoCodecInfo& info = desc.getInfo();
-        if (info.encoder && info.type == type && (!hw || info.hw) && isCodecIdAvailable(info.id))
+        if (info.encoder == encoder && info.type == type && (!hw || info.hw) && manager.isCodecIdAvailable(info.id))
+            return &info;
+    }
+    return nullptr;
+}
+
+// The first description registered under `id`, or null.
+const VideoCodecDesc* firstDesc(const std::vector<VideoCodecDesc>& codecs, const std::string& id)
+{
+    for (const auto& desc : codecs)
+        if (desc.getInfo().id == id)
+            return &desc;
+    return nullptr;
+}
+
+// The support query of either direction; `create` makes an instance by id.
+template <typename Metadata, typename Create>
+bool anySupports(const std::vector<VideoCodecDesc>& codecs, bool encoder, const std::string& id,
+                 const Metadata& metadata, bool hw, Create create)
+{
+    if (!id.empty()) {
+        if (auto codec = create(id)) {
+            if (hw && !codec->getInfo().hw)
+                return false;
+            return codec->supports(metadata);
+        }
+    }
+    for (const auto& desc : codecs) {
+        const VideoCodecInfo& info = desc.getInfo();
+        if (info.encoder != encoder || (hw && !info.hw))
+            continue;
+        // The caller's id again, not the entry's, and the type is not compared.
+        auto codec = create(id);
+        if (codec && codec->supports(metadata))
             return true;
     }
     return false;
+}
+
+} // namespace
+
+bool BaseCodecManager::videoEncoderAvailable(CodecType type, bool hw)
+{
+    return firstAvailable(*this, codecs, true, type, hw) != nullptr;
 }
 
 bool BaseCodecManager::videoDecoderAvailable(CodecType type, bool hw)
 {
-    for (const auto& desc : codecs) {
-        const VideoCodecInfo& info = desc.getInfo();
-        if (!info.encoder && info.type == type && (!hw || info.hw) && isCodecIdAvailable(info.id))
-            return true;
-    }
-    return false;
+    return firstAvailable(*this, codecs, false, type, hw) != nullptr;
 }
 
 std::shared_ptr<VideoEncoder> BaseCodecManager::createVideoEncoder(CodecType type, bool hw)
 {
-    for (const auto& desc : codecs) {
-        const VideoCodecInfo& info = desc.getInfo();
-        // The first available candidate decides, even when its creation fails.
-        if (info.encoder && info.type == type && (!hw || info.hw) && isCodecIdAvailable(info.id))
-            return createVideoEncoderById(info.id);
-    }
-    return nullptr;
+    // The first available candidate decides, even when its creation fails.
+    const VideoCodecInfo* info = firstAvailable(*this, codecs, true, type, hw);
+    return info != nullptr ? createVideoEncoderById(info->id) : nullptr;
 }
 
 std::shared_ptr<VideoDecoder> BaseCodecManager::createVideoDecoder(CodecType type, bool hw)
 {
-    for (const auto& desc : codecs) {
-        const VideoCodecInfo& info = desc.getInfo();
-        if (!info.encoder && info.type == type && (!hw || info.hw) && isCodecIdAvailable(info.id))
-            return createVideoDecoderById(info.id);
-    }
-    return nullptr;
+    const VideoCodecInfo* info = firstAvailable(*this, codecs, false, type, hw);
+    return info != nullptr ? createVideoDecoderById(info->id) : nullptr;
 }
 
 std::shared_ptr<VideoEncoder> BaseCodecManager::createVideoEncoderById(const std::string& id)
 {
     // The encoder flag is not looked at: a decoder's id reaches the encoder
     // factory with the decoder's description, and the factory decides.
-    for (const auto& desc : codecs) {
-        if (desc.getInfo().id != id)
-            continue;
-        if (!acquireCodecId(id)) {
-            LUMIFLUX_LOG_DIGIT(2, "main ") << "codec " << id << " is not available" << std::endl;
-            return nullptr;
-        }
-        // A null or throwing factory keeps the instance: only a destroyed
-        // encoder or decoder gives one back.
-        return instantiateVideoEncoder(desc);
+    const VideoCodecDesc* desc = firstDesc(codecs, id);
+    if (desc == nullptr)
+        return nullptr;
+    if (!acquireCodecId(id)) {
+        LUMIFLUX_LOG_DIGIT(2, "main ") << "codec " << id << " is not available" << std::endl;
+        return nullptr;
     }
-    return nullptr;
+    // A null or throwing factory keeps the instance: only a destroyed
+    // encoder or decoder gives one back.
+    return instantiateVideoEncoder(*desc);
 }
 
 std::shared_ptr<VideoDecoder> BaseCodecManager::createVideoDecoderById(const std::string& id)
 {
-    for (const auto& desc : codecs) {
-        if (desc.getInfo().id != id)
-            continue;
-        if (!acquireCodecId(id)) {
-            LUMIFLUX_LOG_DIGIT(2, "main ") << "codec " << id << " is not available" << std::endl;
-            return nullptr;
-        }
-        return instantiateVideoDecoder(desc);
+    const VideoCodecDesc* desc = firstDesc(codecs, id);
+    if (desc == nullptr)
+        return nullptr;
+    if (!acquireCodecId(id)) {
+        LUMIFLUX_LOG_DIGIT(2, "main ") << "codec " << id << " is not available" << std::endl;
+        return nullptr;
     }
-    return nullptr;
+    return instantiateVideoDecoder(*desc);
 }
 
 std::shared_ptr<VideoCodecExtendedInfo> BaseCodecManager::getVideoCodecExtendedInfo(const std::string& id)
@@ -164,43 +192,14 @@ std::shared_ptr<VideoCodecExtendedInfo> BaseCodecManager::getVideoCodecExtendedI
 
 bool BaseCodecManager::videoEncoderSupports(const std::string& id, const VideoEncoderMetadata& metadata, bool hw)
 {
-    if (!id.empty()) {
-        if (auto encoder = createVideoEncoderById(id)) {
-            if (hw && !encoder->getInfo().hw)
-                return false;
-            return encoder->supports(metadata);
-        }
-    }
-    for (const auto& desc : codecs) {
-        const VideoCodecInfo& info = desc.getInfo();
-        if (!info.encoder || (hw && !info.hw))
-            continue;
-        // The caller's id again, not the entry's, and the type is not compared.
-        auto encoder = createVideoEncoderById(id);
-        if (encoder && encoder->supports(metadata))
-            return true;
-    }
-    return false;
+    return anySupports(codecs, true, id, metadata, hw,
+                       [this](const std::string& codecId) { return createVideoEncoderById(codecId); });
 }
 
 bool BaseCodecManager::videoDecoderSupports(const std::string& id, const VideoDecoderMetadata& metadata, bool hw)
 {
-    if (!id.empty()) {
-        if (auto decoder = createVideoDecoderById(id)) {
-            if (hw && !decoder->getInfo().hw)
-                return false;
-            return decoder->supports(metadata);
-        }
-    }
-    for (const auto& desc : codecs) {
-        const VideoCodecInfo& info = desc.getInfo();
-        if (info.encoder || (hw && !info.hw))
-            continue;
-        auto decoder = createVideoDecoderById(id);
-        if (decoder && decoder->supports(metadata))
-            return true;
-    }
-    return false;
+    return anySupports(codecs, false, id, metadata, hw,
+                       [this](const std::string& codecId) { return createVideoDecoderById(codecId); });
 }
 
 // ----------------------------------------------------------------- supports
