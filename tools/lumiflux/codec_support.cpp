@@ -173,4 +173,24 @@ void endProgressLine(bool json)
         std::cout << '\n' << std::flush;
 }
 
+void RunState::wait()
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [this] { return done; });
+}
+
+void RunState::finishLocked()
+{
+    done = true;
+    changed.notify_all();
+}
+
+std::FILE* openOutput(const std::string& path, const Output& out)
+{
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (file == nullptr)
+        out.error("OutputFailed", "cannot write " + path);
+    return file;
+}
+
 } // namespace lumiflux_tool

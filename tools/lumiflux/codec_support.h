@@ -1,14 +1,19 @@
 #pragma once
 
 // What the codec commands share: codec names, picking a codec from the
-// command line, the IVF container for VP8, and the progress line.
+// command line, the IVF container for VP8, the progress line, and running a
+// codec with a listener to the end of the stream.
 
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include <lumiflux/codec.h>
+
+#include "output.h"
 
 namespace lumiflux_tool {
 
@@ -48,5 +53,55 @@ bool readIvf(const std::vector<std::uint8_t>& bytes, std::string* fourcc, int* w
 void progressLine(bool json, const std::string& text);
 /** Ends the progress line. */
 void endProgressLine(bool json);
+
+/**
+ * What a codec command's listener shares with the command: `mutex` guards
+ * the listener's fields, and the command waits for the end of the run. The
+ * codec calls its listener on its own streaming thread.
+ */
+class RunState {
+public:
+    /** Blocks until finishLocked() has been called. */
+    void wait();
+
+    std::mutex mutex;  ///< guards the listener's fields
+    std::string error; ///< what went wrong, or ""
+
+protected:
+    /** Ends the run; call with `mutex` held. */
+    void finishLocked();
+
+private:
+    std::condition_variable changed;
+    bool done = false;
+};
+
+/** Opens `path` for writing; null, with OutputFailed reported, when it cannot. */
+std::FILE* openOutput(const std::string& path, const Output& out);
+
+/**
+ * Gives `codec` its listener and starts it. When it does not start, the
+ * listener is taken back, `file` closed and StartFailed reported.
+ */
+template <typename Codec, typename Listener>
+bool startWithListener(Codec& codec, Listener& listener, std::FILE* file, const Output& out)
+{
+    codec.lockAndSetListener(&listener);
+    if (codec.start())
+        return true;
+    codec.lockAndSetListener(nullptr);
+    std::fclose(file);
+    out.error("StartFailed", codec.getInfo().id + " does not start");
+    return false;
+}
+
+/** Waits for the end of the run, then takes the listener back and closes `file`. */
+template <typename Codec> void finishRun(Codec& codec, RunState& state, std::FILE* file, const Output& out)
+{
+    state.wait();
+    endProgressLine(out.json());
+    codec.lockAndSetListener(nullptr);
+    std::fclose(file);
+}
 
 } // namespace lumiflux_tool

@@ -1,7 +1,6 @@
 // lumiflux decode: an H.264/H.265 byte stream or an IVF file (VP8) into raw
 // NV12 frames.
 
-#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -36,7 +35,7 @@ struct Unit {
 
 // Writes decoded frames as NV12 rows without padding; called on the
 // decoder's streaming thread.
-class YuvSink : public VideoDecoderListener {
+class YuvSink : public VideoDecoderListener, public RunState {
 public:
     explicit YuvSink(std::FILE* output, bool json) : file(output), jsonMode(json) {}
     void onDecodedFrame(const std::shared_ptr<GraphicBuffer>& frame) override
@@ -71,19 +70,9 @@ public:
     void onDecoderEos() override
     {
         std::lock_guard<std::mutex> lock(mutex);
-        done = true;
-        changed.notify_all();
-    }
-    void wait()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [this] { return done; });
+        finishLocked();
     }
 
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool done = false;
-    std::string error;
     int frames = 0;
     int width = 0;
     int height = 0;
@@ -159,28 +148,18 @@ int decode(const DecodeOptions& options, Output& out)
         out.error("Unsupported", decoder->getInfo().id + " cannot decode this stream");
         return 1;
     }
-    std::FILE* file = std::fopen(options.output.c_str(), "wb");
-    if (file == nullptr) {
-        out.error("OutputFailed", "cannot write " + options.output);
+    std::FILE* file = openOutput(options.output, out);
+    if (file == nullptr)
         return 1;
-    }
     YuvSink sink(file, out.json());
-    decoder->lockAndSetListener(&sink);
-    if (!decoder->start()) {
-        decoder->lockAndSetListener(nullptr);
-        std::fclose(file);
-        out.error("StartFailed", decoder->getInfo().id + " does not start");
+    if (!startWithListener(*decoder, sink, file, out))
         return 1;
-    }
     out.text("decoding " + std::to_string(units.size()) + " units with " + decoder->getInfo().id);
     for (const auto& unit : units)
         decoder->decode(unit.data, unit.size, unit.timestampUs);
     decoder->drain();
-    sink.wait();
-    endProgressLine(out.json());
-    decoder->lockAndSetListener(nullptr);
+    finishRun(*decoder, sink, file, out);
     decoder.reset();
-    std::fclose(file);
     if (!sink.error.empty()) {
         out.error("DecoderError", sink.error);
         return 1;

@@ -1,7 +1,6 @@
 // lumiflux encode: raw NV12/I420 frames, or the built-in test pattern,
 // through a codec into an H.264/H.265 byte stream or an IVF file (VP8).
 
-#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
@@ -32,7 +31,7 @@ struct EncodeOptions {
 };
 
 // Writes what the encoder delivers; called on its streaming thread.
-class FileSink : public VideoEncoderListener {
+class FileSink : public VideoEncoderListener, public RunState {
 public:
     FileSink(std::FILE* output, CodecType type, int width, int height, int framerate) : file(output)
     {
@@ -54,27 +53,16 @@ public:
     {
         std::lock_guard<std::mutex> lock(mutex);
         error = message;
-        done = true;
-        changed.notify_all();
+        finishLocked();
     }
     void onEncoderEos() override
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (ivf)
             ivf->finish();
-        done = true;
-        changed.notify_all();
-    }
-    void wait()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [this] { return done; });
+        finishLocked();
     }
 
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool done = false;
-    std::string error;
     int frames = 0;
     int keyFrames = 0;
     std::size_t bytes = 0;
@@ -180,19 +168,12 @@ int encode(const EncodeOptions& options, Output& out)
         out.error("BadBitrate", "bit rate outside " + encoder->parameters().range(CodecParameter::BitRate));
         return 1;
     }
-    std::FILE* file = std::fopen(options.output.c_str(), "wb");
-    if (file == nullptr) {
-        out.error("OutputFailed", "cannot write " + options.output);
+    std::FILE* file = openOutput(options.output, out);
+    if (file == nullptr)
         return 1;
-    }
     FileSink sink(file, metadata.codecType, width, height, options.framerate);
-    encoder->lockAndSetListener(&sink);
-    if (!encoder->start()) {
-        encoder->lockAndSetListener(nullptr);
-        std::fclose(file);
-        out.error("StartFailed", encoder->getInfo().id + " does not start");
+    if (!startWithListener(*encoder, sink, file, out))
         return 1;
-    }
     out.text("encoding with " + encoder->getInfo().id + " at " + std::to_string(width) + "x" + std::to_string(height) +
              " into " + options.output);
 
@@ -231,10 +212,7 @@ int encode(const EncodeOptions& options, Output& out)
             out.record({{"event", "progress"}, {"frames", given + 1}});
     }
     encoder->eos();
-    sink.wait();
-    endProgressLine(out.json());
-    encoder->lockAndSetListener(nullptr);
-    std::fclose(file);
+    finishRun(*encoder, sink, file, out);
     if (!sink.error.empty()) {
         out.error("EncoderError", sink.error);
         return 1;
