@@ -1,7 +1,7 @@
 // lumiflux-gst-codecs end to end: the real module loaded by the root codec
 // manager, real GStreamer encoders and decoders, frames of a known pattern
-// through every encoder and back through every matching decoder, and an
-// outside decoder (ffmpeg) reading our H.264.
+// through every encoder and back through every matching decoder. (ffprobe
+// reads what the tool writes in codec_tool_test.cpp.)
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,6 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <set>
@@ -313,14 +312,6 @@ std::vector<std::shared_ptr<GraphicBuffer>> decodeAll(const std::string& id, con
     return collector.decoded;
 }
 
-std::vector<std::uint8_t> concatenate(const std::vector<EncodedUnit>& units)
-{
-    std::vector<std::uint8_t> bytes;
-    for (const auto& unit : units)
-        bytes.insert(bytes.end(), unit.bytes.begin(), unit.bytes.end());
-    return bytes;
-}
-
 int profileIdc(const std::string& name)
 {
     static const std::map<std::string, int> known{
@@ -414,7 +405,9 @@ TEST_P(GstCodecsRoundTrip, EveryEncoderThroughEveryMatchingDecoder)
                 EXPECT_EQ(units[static_cast<std::size_t>(i)].timestamp, static_cast<std::int64_t>(i) * 1000000 / 30);
 
             if (type == CodecType::H264) {
-                const auto bytes = concatenate(units);
+                std::vector<std::uint8_t> bytes;
+                for (const auto& unit : units)
+                    bytes.insert(bytes.end(), unit.bytes.begin(), unit.bytes.end());
                 VideoStreamParser parser;
                 ASSERT_TRUE(parser.parse(bytes.data(), bytes.size())) << parser.errorMessage();
                 EXPECT_EQ(parser.metadata().displayWidth(), width);
@@ -422,19 +415,6 @@ TEST_P(GstCodecsRoundTrip, EveryEncoderThroughEveryMatchingDecoder)
                 EXPECT_EQ(parser.accessUnits().size(), static_cast<std::size_t>(frameCount));
                 // The profile parameter is learnt from the stream the encoder made.
                 EXPECT_EQ(profileIdc(encoded.profile), parser.metadata().profile()) << encoded.profile;
-
-                // An outside decoder reads the same number of frames.
-                const std::string file = lumiflux_test::freshDirectory("h264-out") + "/out.h264";
-                std::ofstream(file, std::ios::binary)
-                    .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-                std::string output;
-                ASSERT_EQ(lumiflux_test::runCommand("ffprobe -v error -count_frames -select_streams v:0 "
-                                                    "-show_entries stream=nb_read_frames -of csv=p=0 " +
-                                                        file,
-                                                    &output),
-                          0)
-                    << "ffprobe is missing or failed: run scripts/install-deps";
-                EXPECT_EQ(std::stoi(output), frameCount);
             }
 
             for (const auto& decoderInfo : decoders) {
