@@ -16,6 +16,7 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include <gst/gst.h>
@@ -234,44 +235,39 @@ std::vector<VideoCodecInfo> listed(bool encoder, CodecType type)
     return result;
 }
 
-// A started encoder of `id` reporting to `collector`, or null (and a failure).
-std::shared_ptr<VideoEncoder> startEncoder(const std::string& id, Collector& collector, int width, int height,
-                                           PixelFormat format = nv12,
-                                           const std::map<unsigned, std::string>& parameters = {})
+template <typename Metadata> Metadata stream(int width, int height, CodecType type = CodecType::Unknown)
 {
-    auto encoder = codecs()->createVideoEncoderById(id);
-    EXPECT_NE(encoder, nullptr) << id;
-    if (!encoder)
-        return nullptr;
-    encoder->lockAndSetListener(&collector);
-    VideoEncoderMetadata metadata;
-    metadata.codecType = encoder->getInfo().type;
+    Metadata metadata;
+    metadata.codecType = type;
     metadata.width = width;
     metadata.height = height;
-    metadata.format = format;
     metadata.framerate = framerate;
-    bool ok = encoder->configure(metadata);
-    for (const auto& [parameter, value] : parameters)
-        ok = encoder->setParameter(parameter, value) && ok;
-    ok = ok && encoder->start();
-    EXPECT_TRUE(ok) << id;
-    return ok ? encoder : nullptr;
+    return metadata;
 }
 
-std::shared_ptr<VideoDecoder> startDecoder(const std::string& id, Collector& collector, int width, int height)
+// A started encoder or decoder of `id` (of the codec's own type) reporting
+// to `collector`, or null (and a failure).
+template <typename Metadata, typename Codec = std::conditional_t<std::is_same_v<Metadata, VideoEncoderMetadata>,
+                                                                 VideoEncoder, VideoDecoder>>
+std::shared_ptr<Codec> start(const std::string& id, Collector& collector, Metadata metadata,
+                             const std::map<unsigned, std::string>& parameters = {})
 {
-    auto decoder = codecs()->createVideoDecoderById(id);
-    EXPECT_NE(decoder, nullptr) << id;
-    if (!decoder)
+    std::shared_ptr<Codec> codec;
+    if constexpr (std::is_same_v<Codec, VideoEncoder>)
+        codec = codecs()->createVideoEncoderById(id);
+    else
+        codec = codecs()->createVideoDecoderById(id);
+    EXPECT_NE(codec, nullptr) << id;
+    if (!codec)
         return nullptr;
-    decoder->lockAndSetListener(&collector);
-    VideoDecoderMetadata metadata;
-    metadata.codecType = decoder->getInfo().type;
-    metadata.width = width;
-    metadata.height = height;
-    const bool ok = decoder->configure(metadata) && decoder->start();
+    codec->lockAndSetListener(&collector);
+    metadata.codecType = codec->getInfo().type;
+    bool ok = codec->configure(metadata);
+    for (const auto& [parameter, value] : parameters)
+        ok = codec->setParameter(parameter, value) && ok;
+    ok = ok && codec->start();
     EXPECT_TRUE(ok) << id;
-    return ok ? decoder : nullptr;
+    return ok ? codec : nullptr;
 }
 
 struct Encoded {
@@ -284,7 +280,9 @@ Encoded encodeAll(const std::string& id, int width, int height, const std::map<u
                   PixelFormat format = nv12, int forcedKeyFrame = -1, int frames = frameCount, bool foreign = false)
 {
     Collector collector;
-    auto encoder = startEncoder(id, collector, width, height, format, parameters);
+    auto metadata = stream<VideoEncoderMetadata>(width, height);
+    metadata.format = format;
+    auto encoder = start(id, collector, metadata, parameters);
     if (!encoder)
         return {};
     for (int i = 0; i < frames; ++i) {
@@ -302,7 +300,7 @@ std::vector<std::shared_ptr<GraphicBuffer>> decodeAll(const std::string& id, con
                                                       int width, int height)
 {
     Collector collector;
-    auto decoder = startDecoder(id, collector, width, height);
+    auto decoder = start(id, collector, stream<VideoDecoderMetadata>(width, height));
     if (!decoder)
         return {};
     for (const auto& unit : units)
@@ -478,7 +476,7 @@ TEST(GstCodecs, GarbageGivesEveryDecoderAnErrorNotACrash)
             continue;
         SCOPED_TRACE(info.id);
         Collector collector;
-        auto decoder = startDecoder(info.id, collector, 320, 240);
+        auto decoder = start(info.id, collector, stream<VideoDecoderMetadata>(320, 240));
         ASSERT_NE(decoder, nullptr);
         for (std::size_t offset = 0; offset < garbage.size(); offset += 2000)
             decoder->decode(garbage.data() + offset, 2000, static_cast<std::int64_t>(offset) * 10);
@@ -491,10 +489,7 @@ TEST(GstCodecs, WrongSizedFrameIsRefusedWithAClearMessage)
 {
     lumiflux_test::clearSyslog();
     auto encoder = codecs()->createVideoEncoderById("gst.h264.openh264.enc");
-    VideoEncoderMetadata metadata;
-    metadata.codecType = CodecType::H264;
-    metadata.width = 320;
-    metadata.height = 240;
+    auto metadata = stream<VideoEncoderMetadata>(320, 240, CodecType::H264);
     ASSERT_TRUE(encoder->configure(metadata));
     EXPECT_FALSE(encoder->encode(patternFrame(0, 320, 240), false)) << "before start";
     ASSERT_TRUE(encoder->start());
@@ -530,14 +525,14 @@ TEST(GstCodecs, DestroyingInstancesMidStreamReturnsThem)
             std::vector<std::shared_ptr<void>> instances;
             for (auto& collector : collectors) {
                 if (id.find(".enc") != std::string::npos) {
-                    auto encoder = startEncoder(id, collector, 320, 240);
+                    auto encoder = start(id, collector, stream<VideoEncoderMetadata>(320, 240));
                     ASSERT_NE(encoder, nullptr) << "round " << round;
                     for (int f = 0; f < 8; ++f)
                         ASSERT_TRUE(encoder->encode(patternFrame(f, 320, 240), false));
                     instances.push_back(encoder);
                 } else {
                     // No size given: the decoder learns it from the stream.
-                    auto decoder = startDecoder(id, collector, 0, 0);
+                    auto decoder = start(id, collector, stream<VideoDecoderMetadata>(0, 0));
                     ASSERT_NE(decoder, nullptr) << "round " << round;
                     for (std::size_t f = 0; f < 20; ++f)
                         decoder->decode(units[f].bytes.data(), units[f].bytes.size(), units[f].timestamp);
