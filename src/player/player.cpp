@@ -50,7 +50,12 @@ Player::Impl::Impl()
 Player::Impl::~Impl()
 {
     shuttingDown.exchange(true);
-    if (discoverer) {
+    bool discovering = false;
+    {
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        discovering = discoverer != nullptr;
+    }
+    if (discovering) {
         // The player thread still runs and reports the discoveries under way
         // (each ends within the discoverer's 5 s timeout, or at once when
         // aborted).

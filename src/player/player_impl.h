@@ -105,6 +105,9 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
 
     // ---- discovery and tracks (discovery.cpp, track_selection.cpp)
     void startAsyncDiscovery();
+    void scheduleDiscovery(GSource* source);
+    static gboolean scheduledDiscovery(gpointer impl);
+    void discoverCurrentUri();
     void abortDiscoveries();
     static void onDiscovered(GstDiscoverer* discoverer, GstDiscovererInfo* info, GError* error, Impl* impl);
     void handleStreamCollection(GstMessage* message);
@@ -179,6 +182,10 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     std::atomic<GstElement*> httpSource{nullptr};
 
     GstDiscoverer* discoverer = nullptr;
+    // A discovery start is queued on the player's context, and how often it
+    // has waited for the pipeline to preroll (player thread only).
+    std::atomic<bool> discoveryScheduled{false};
+    int discoveryWaits = 0;
     // Discoveries queued and not yet reported. The destructor waits for them
     // before releasing the discoverer: stopping one that is still processing
     // can deadlock inside GStreamer (it changes its pipeline's state under a
