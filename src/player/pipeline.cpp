@@ -174,6 +174,8 @@ void Player::Impl::destroyPipeline()
     }
     adaptiveDemuxer.store(nullptr);
     httpSource.store(nullptr);
+    // Its stream identifiers belonged to the pipeline just destroyed.
+    pendingSelection.reset();
 }
 
 void Player::Impl::handleElementAdded(GstBin*, GstElement* element, Impl* impl)

@@ -158,6 +158,14 @@ void Player::Impl::selectTracks(const std::vector<int>& trackIds)
 
 void Player::Impl::sendSelectStreams(GList* ids)
 {
+    if (pipelinePrerolling()) {
+        // Sent once the preroll is over (see preroll_wait.cpp); a newer
+        // selection replaces one still waiting.
+        LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Selection waits for the preroll" << std::endl;
+        pendingSelection.reset(ids);
+        schedulePrerollCheck();
+        return;
+    }
     GstElement* pipe = pipeline.load();
     if (!pipe || !gst_element_send_event(pipe, gst_event_new_select_streams(ids))) {
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Can't send SELECT_STREAMS event" << std::endl;
