@@ -62,10 +62,17 @@ const EncodeCase cases[] = {
 
 int profileIdc(const std::string& name)
 {
-    static const std::map<std::string, int> ids{
-        {"Baseline", 66},          {"Constrained Baseline", 66},  {"Main", 77},           {"Extended", 88},
-        {"High", 100},             {"High 10", 110},              {"High 10 Intra", 110}, {"High 4:2:2", 122},
-        {"High 4:2:2 Intra", 122}, {"High 4:4:4 Predictive", 244}, {"High 4:4:4 Intra", 244}};
+    static const std::map<std::string, int> ids{{"Baseline", 66},
+                                                {"Constrained Baseline", 66},
+                                                {"Main", 77},
+                                                {"Extended", 88},
+                                                {"High", 100},
+                                                {"High 10", 110},
+                                                {"High 10 Intra", 110},
+                                                {"High 4:2:2", 122},
+                                                {"High 4:2:2 Intra", 122},
+                                                {"High 4:4:4 Predictive", 244},
+                                                {"High 4:4:4 Intra", 244}};
     const auto it = ids.find(name);
     return it != ids.end() ? it->second : -1;
 }
@@ -144,9 +151,10 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
     EXPECT_EQ(meta.bitDepthLuma(), pix.find("p10") != std::string::npos ? 10 : 8) << pix;
     EXPECT_EQ(std::to_string(meta.frameRateNumerator()) + "/" + std::to_string(meta.frameRateDenominator()),
               stream["r_frame_rate"]);
-    if (meta.sarWidth() != 0)
+    if (meta.sarWidth() != 0) {
         EXPECT_EQ(std::to_string(meta.sarWidth()) + ":" + std::to_string(meta.sarHeight()),
                   stream["sample_aspect_ratio"]);
+    }
 
     std::vector<std::size_t> keys, ourKeys;
     const json& packets = probe["packets"];

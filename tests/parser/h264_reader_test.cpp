@@ -31,10 +31,10 @@ TEST(H264Reader, StartCodeSearchAndTheZeroCounter)
     const Case cases[] = {
         {{0, 0, 0, 1, 0x67}, 0, 4, 4},
         {{0, 0, 1, 0x67}, 0, 3, 3},
-        {{0, 0, 0, 0, 0, 1, 0x67}, 7, 0, 7},             // the fourth zero wraps the counter, the fifth makes it 1
-        {{0x55, 0, 0, 0, 0, 0, 0, 1, 0x67}, 5, 3, 8},    // six zeros leave 2: a 3-byte code
-        {{0, 0, 0, 0, 0, 0, 0, 1}, 4, 4, 8},             // seven leave 3: a 4-byte code
-        {{0x10, 0, 1, 0, 1}, 5, 0, 5},                   // one zero is no start code
+        {{0, 0, 0, 0, 0, 1, 0x67}, 7, 0, 7},          // the fourth zero wraps the counter, the fifth makes it 1
+        {{0x55, 0, 0, 0, 0, 0, 0, 1, 0x67}, 5, 3, 8}, // six zeros leave 2: a 3-byte code
+        {{0, 0, 0, 0, 0, 0, 0, 1}, 4, 4, 8},          // seven leave 3: a 4-byte code
+        {{0x10, 0, 1, 0, 1}, 5, 0, 5},                // one zero is no start code
     };
     for (const auto& c : cases) {
         H264Reader reader;
@@ -81,8 +81,9 @@ TEST(H264Reader, UnitsAndErrors)
         reader.setData(c.data.data(), c.data.size());
         for (std::size_t i = 0; i < c.units.size(); ++i) {
             EXPECT_EQ(reader.readNalUnit(i == 0 && c.allowLeadingBytes), c.units[i]) << i;
-            if (c.units[i].first != failed)
+            if (c.units[i].first != failed) {
                 EXPECT_EQ(reader.currentNaluOffset(), c.units[i].first + c.units[i].second);
+            }
         }
         EXPECT_EQ(reader.error(), c.error);
         reader.setData(c.data.data(), c.data.size()); // resets the position, not the error
@@ -124,7 +125,7 @@ TEST(H264NaluReader, BitsAndExpGolombStopAtTheEndOfTheUnit)
     w.u(8, 0x65); // 0110 0101
     for (std::uint64_t v = 0; v < 300; ++v)
         w.ue(v);
-    w.ue(0xfffffffeull).u(13, 0x1abc).align(); // the largest 32-bit value
+    w.ue(0xfffffffeull).u(13, 0x1abc).trailing(); // the largest 32-bit value
     ExactUnit unit(w.bytes(), {0, 0, 1});
     H264NaluReader reader = unit.reader();
     EXPECT_EQ(reader.size(), unit.size - 3);
@@ -213,24 +214,33 @@ TEST(H264NaluReader, ParseSpsSizesAndDeliberateLimits)
     };
     const Case cases[] = {
         {"1080p, crop not applied",
-         [](SpsFields& s) { s.profileIdc = 100, s.levelIdc = 40, s.widthInMbs = 120, s.heightInMapUnits = 68,
-                            s.cropUnits = {0, 0, 0, 4}; },
+         [](SpsFields& s) {
+             s.profileIdc = 100, s.levelIdc = 40, s.widthInMbs = 120, s.heightInMapUnits = 68,
+             s.cropUnits = {0, 0, 0, 4};
+         },
          true, 1920, 1088},
-        {"field coding", [](SpsFields& s) { s.profileIdc = 77, s.widthInMbs = 45, s.heightInMapUnits = 18,
-                                            s.frameMbsOnly = false; },
+        {"field coding",
+         [](SpsFields& s) { s.profileIdc = 77, s.widthInMbs = 45, s.heightInMapUnits = 18, s.frameMbsOnly = false; },
          true, 720, 576},
-        {"POC type 1 cycle", [](SpsFields& s) { s.pocType = 1, s.pocCycle = {1, -2, 3, 300}, s.widthInMbs = 22,
-                                                s.heightInMapUnits = 18; },
+        {"POC type 1 cycle",
+         [](SpsFields& s) {
+             s.pocType = 1, s.pocCycle = {1, -2, 3, 300}, s.widthInMbs = 22, s.heightInMapUnits = 18;
+         },
          true, 352, 288},
         {"4:4:4 separate planes, 10 bits",
-         [](SpsFields& s) { s.profileIdc = 244, s.chromaFormatIdc = 3, s.separateColourPlane = true,
-                            s.bitDepthLuma = s.bitDepthChroma = 10, s.widthInMbs = 80, s.heightInMapUnits = 45; },
+         [](SpsFields& s) {
+             s.profileIdc = 244, s.chromaFormatIdc = 3, s.separateColourPlane = true,
+             s.bitDepthLuma = s.bitDepthChroma = 10, s.widthInMbs = 80, s.heightInMapUnits = 45;
+         },
          true, 1280, 720},
         {"scaling flags, no lists", [](SpsFields& s) { s.profileIdc = 100, s.presentLists.assign(8, false); }, true,
          176, 144},
         // Only the flags are read: the lists are taken for the following fields.
-        {"scaling lists", [](SpsFields& s) { s.profileIdc = 100, s.presentLists = {true, false, false, false, false, false, true, false}; }, false,
-         176, 144},
+        {"scaling lists",
+         [](SpsFields& s) {
+             s.profileIdc = 100, s.presentLists = {true, false, false, false, false, false, true, false};
+         },
+         false, 176, 144},
         // 128 carries chroma fields, but it is not in the minimal reader's set.
         {"profile 128", [](SpsFields& s) { s.profileIdc = 128; }, false, 176, 144},
     };

@@ -6,6 +6,7 @@
 // parsers read. The fields are the library's own parameter set and slice
 // header records; only what they do not hold is added here.
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -16,13 +17,12 @@ namespace lumiflux_test {
 
 using Bytes = std::vector<std::uint8_t>;
 using Tevara::Lumiflux::Internal::SequenceParameterSet;
-using Tevara::Lumiflux::Internal::SliceHeader;
 
 class BitWriter {
 public:
-    BitWriter& u(int n, std::uint64_t value)
+    BitWriter& u(unsigned n, std::uint64_t value)
     {
-        for (int i = n - 1; i >= 0; --i) {
+        for (unsigned i = n; i-- > 0;) {
             if (count % 8 == 0)
                 out.push_back(0);
             out.back() |= static_cast<std::uint8_t>(((value >> i) & 1) << (7 - count % 8));
@@ -33,18 +33,20 @@ public:
     BitWriter& flag(bool value) { return u(1, value ? 1 : 0); }
     BitWriter& ue(std::uint64_t value)
     {
-        int length = 0;
+        unsigned length = 0;
         while (((value + 1) >> length) > 1)
             ++length;
         return u(length, 0).u(length + 1, value + 1);
     }
-    BitWriter& se(std::int64_t v) { return ue(v > 0 ? static_cast<std::uint64_t>(2 * v - 1) : static_cast<std::uint64_t>(-2 * v)); }
-    /** Zero bits up to the byte boundary, after a stop bit when `stopBit`. */
-    BitWriter& align(bool stopBit = true)
+    BitWriter& se(std::int64_t v)
     {
-        if (stopBit)
-            u(1, 1);
-        return u(static_cast<int>((8 - count % 8) % 8), 0);
+        return ue(v > 0 ? static_cast<std::uint64_t>(2 * v - 1) : static_cast<std::uint64_t>(-2 * v));
+    }
+    /** rbsp_trailing_bits: a stop bit and zeros up to the byte boundary. */
+    BitWriter& trailing()
+    {
+        u(1, 1);
+        return u(static_cast<unsigned>((8 - count % 8) % 8), 0);
     }
     const Bytes& bytes() const { return out; }
 
@@ -84,14 +86,14 @@ inline void appendNal(Bytes& stream, const Bytes& rbsp, int startCode = 4)
  * which the base holds in pixels, is written from `cropUnits`.
  */
 struct SpsFields : SequenceParameterSet {
-    SpsFields()
+    explicit SpsFields(int profile = 66, unsigned mbsWide = 11, unsigned mapUnitsHigh = 9) // 176x144
     {
-        profileIdc = 66;
+        profileIdc = profile;
         levelIdc = 30;
         log2MaxPocLsb = 6;
         maxNumRefFrames = 1;
-        widthInMbs = 11; // 176x144
-        heightInMapUnits = 9;
+        widthInMbs = mbsWide;
+        heightInMapUnits = mapUnitsHigh;
     }
     /** frame_crop_{left,right,top,bottom}_offset; cropping is signalled when any is set. */
     std::array<unsigned, 4> cropUnits{};
@@ -104,21 +106,13 @@ struct SpsFields : SequenceParameterSet {
     std::vector<std::int64_t> pocCycle; ///< offset_for_ref_frame values, for pocType 1
 };
 
-inline bool profileHasChroma(int profile)
-{
-    for (int p : {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135})
-        if (p == profile)
-            return true;
-    return false;
-}
-
 /** The SPS RBSP, header byte 0x67 first, trailing bits last; a VUI when a SAR or timing is set. */
 inline Bytes spsRbsp(const SpsFields& f)
 {
     BitWriter w;
-    w.u(8, 0x67).u(8, static_cast<std::uint64_t>(f.profileIdc)).u(8, static_cast<std::uint64_t>(f.constraintFlags));
-    w.u(8, static_cast<std::uint64_t>(f.levelIdc)).ue(f.id);
-    if (profileHasChroma(f.profileIdc)) {
+    w.u(8, 0x67).u(8, f.profileIdc).u(8, f.constraintFlags).u(8, f.levelIdc).ue(f.id);
+    const int chromaProfiles[] = {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135};
+    if (std::count(std::begin(chromaProfiles), std::end(chromaProfiles), f.profileIdc) != 0) {
         w.ue(f.chromaFormatIdc);
         if (f.chromaFormatIdc == 3)
             w.flag(f.separateColourPlane);
@@ -159,7 +153,7 @@ inline Bytes spsRbsp(const SpsFields& f)
             w.u(32, f.numUnitsInTick).u(32, f.timeScale).flag(f.fixedFrameRate);
         w.u(4, 0); // HRD x2, pic_struct, restrictions
     }
-    return w.align().bytes();
+    return w.trailing().bytes();
 }
 
 /** PPS 0 of SPS 0, CAVLC, one slice group. */
@@ -167,34 +161,18 @@ inline Bytes ppsRbsp()
 {
     BitWriter w;
     w.u(8, 0x68).ue(0).ue(0).flag(false).flag(false).ue(0).ue(0).ue(0).flag(false).u(2, 0);
-    return w.se(0).se(0).se(0).flag(true).flag(false).flag(false).align().bytes();
+    return w.se(0).se(0).se(0).flag(true).flag(false).flag(false).trailing().bytes();
 }
 
 /** A slice of `sps` (pocType 0): its header up to the POC, then payload bytes that need escaping. */
-inline Bytes sliceRbsp(const SliceHeader& s, const SequenceParameterSet& sps = SpsFields())
+inline Bytes sliceRbsp(int nalType, std::uint32_t frameNum = 0, std::uint32_t pocLsb = 0, unsigned firstMb = 0,
+                       int nalRefIdc = 3, unsigned idrPicId = 0, const SequenceParameterSet& sps = SpsFields())
 {
     BitWriter w;
-    w.u(1, 0).u(2, static_cast<std::uint64_t>(s.nalRefIdc)).u(5, static_cast<std::uint64_t>(s.nalType));
-    w.ue(s.firstMbInSlice).ue(s.sliceType).ue(s.ppsId).u(static_cast<int>(sps.log2MaxFrameNum), s.frameNum);
-    if (s.nalType == 5)
-        w.ue(s.idrPicId);
-    w.u(static_cast<int>(sps.log2MaxPocLsb), s.pocLsb).u(40, 0xa5c3000001);
-    return w.align().bytes();
-}
-
-/** A slice header with the fields the tests vary. */
-inline SliceHeader slice(int nalType, std::uint32_t frameNum = 0, std::uint32_t pocLsb = 0, unsigned firstMb = 0,
-                         int nalRefIdc = 3, unsigned idrPicId = 0)
-{
-    SliceHeader s;
-    s.nalType = nalType;
-    s.frameNum = frameNum;
-    s.pocLsb = pocLsb;
-    s.firstMbInSlice = firstMb;
-    s.nalRefIdc = nalRefIdc;
-    s.idrPicId = idrPicId;
-    s.sliceType = 7; // I, all slices of the picture alike
-    return s;
+    w.u(1, 0).u(2, nalRefIdc).u(5, nalType).ue(firstMb).ue(7).ue(0).u(sps.log2MaxFrameNum, frameNum); // I, PPS 0
+    if (nalType == 5)
+        w.ue(idrPicId);
+    return w.u(sps.log2MaxPocLsb, pocLsb).u(40, 0xa5c3000001).trailing().bytes();
 }
 
 /** An SEI unit with a 300-byte user-data message (a two-byte size) and, optionally, a recovery point. */
@@ -206,7 +184,7 @@ inline Bytes seiRbsp(bool recoveryPoint)
         w.u(8, i == 100 ? 6 : 0x20);
     if (recoveryPoint)
         w.u(8, 6).u(8, 1).ue(0).flag(true).u(6, 0); // recovery_frame_cnt 0, exact_match_flag, padding
-    return w.align().bytes();
+    return w.trailing().bytes();
 }
 
 /** SPS, PPS and one IDR picture of one slice. */
@@ -215,7 +193,7 @@ inline Bytes oneIdrPicture(const SpsFields& sps = SpsFields())
     Bytes stream;
     appendNal(stream, spsRbsp(sps));
     appendNal(stream, ppsRbsp());
-    appendNal(stream, sliceRbsp(slice(5), sps));
+    appendNal(stream, sliceRbsp(5, 0, 0, 0, 3, 0, sps));
     return stream;
 }
 

@@ -29,10 +29,10 @@ TEST(ProbeTool, ListsWhatTheParserFinds)
     Bytes stream;
     appendNal(stream, spsRbsp(sps));
     appendNal(stream, ppsRbsp());
-    appendNal(stream, sliceRbsp(slice(5)));
-    appendNal(stream, sliceRbsp(slice(1, 1, 2)));
+    appendNal(stream, sliceRbsp(5));
+    appendNal(stream, sliceRbsp(1, 1, 2));
     appendNal(stream, seiRbsp(true));
-    appendNal(stream, sliceRbsp(slice(1, 2, 4)), 3);
+    appendNal(stream, sliceRbsp(1, 2, 4), 3);
     const std::string dir = freshDirectory("probe-tool");
     const std::string file = dir + "/clip.264";
     std::ofstream(file, std::ios::binary)

@@ -141,7 +141,7 @@ TEST(H264StartCodeScanners, MutatedStreamsMatchTheStateMachineAndTileIntoUnits)
     appendNal(base, spsRbsp(SpsFields()));
     appendNal(base, ppsRbsp(), 3);
     for (unsigned i = 0; i < 40; ++i) {
-        Bytes rbsp = sliceRbsp(slice(i == 0 ? 5 : 1, i % 16, (2 * i) % 64));
+        Bytes rbsp = sliceRbsp(i == 0 ? 5 : 1, i % 16, (2 * i) % 64);
         for (int j = 0; j < 200; ++j)
             rbsp.insert(rbsp.end() - 1, static_cast<std::uint8_t>(random()));
         appendNal(base, rbsp, i % 2 == 0 ? 4 : 3);

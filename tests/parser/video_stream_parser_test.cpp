@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -35,17 +36,27 @@ Parsed parse(const Bytes& stream, VideoStreamParserSettings settings = {})
     return {ok, parser.errorMessage(), parser.metadata(), parser.accessUnits()};
 }
 
+// Every field of a description on one line, so that a case states it whole.
+std::string describe(const VideoStreamMetadata& m)
+{
+    std::ostringstream s;
+    s << m.codecName() << " " << m.profile() << "@" << m.level() << " coded " << m.codedWidth() << "x"
+      << m.codedHeight() << " display " << m.displayWidth() << "x" << m.displayHeight() << " crop " << m.cropLeft()
+      << "," << m.cropRight() << "," << m.cropTop() << "," << m.cropBottom() << " sar " << m.sarWidth() << ":"
+      << m.sarHeight() << " rate " << m.frameRateNumerator() << "/" << m.frameRateDenominator() << " (" << m.frameRate()
+      << ") chroma " << m.chromaFormat() << " depth " << m.bitDepthLuma() << "/" << m.bitDepthChroma()
+      << (m.frameMbsOnly() ? " frames" : " fields");
+    return s.str();
+}
+
 } // namespace
 
 TEST(VideoStreamParserSps, EmulationPreventionScalingListsCroppingAndVui)
 {
     // 1080p high profile with scaling lists, 4 crop units at the bottom, and
     // a num_units_in_tick of 1 whose 31 zero bits need emulation prevention.
-    SpsFields hd;
-    hd.profileIdc = 100;
+    SpsFields hd(100, 120, 68);
     hd.levelIdc = 40;
-    hd.widthInMbs = 120;
-    hd.heightInMapUnits = 68;
     hd.presentLists = {true, false, true, false, false, false, true, true};
     hd.cropUnits = {0, 0, 0, 4};
     hd.sarWidth = 64;
@@ -53,64 +64,45 @@ TEST(VideoStreamParserSps, EmulationPreventionScalingListsCroppingAndVui)
     hd.numUnitsInTick = 1;
     hd.timeScale = 48;
     ASSERT_NE(escapeRbsp(spsRbsp(hd)), spsRbsp(hd)) << "the SPS should need emulation prevention";
-
     const auto p = parse(oneIdrPicture(hd));
     ASSERT_TRUE(p.ok) << p.error;
     EXPECT_TRUE(p.meta.isValid());
-    EXPECT_EQ(p.meta.codecName(), "h264");
-    EXPECT_EQ(p.meta.profile(), 100);
-    EXPECT_EQ(p.meta.level(), 40);
-    EXPECT_EQ(p.meta.codedWidth(), 1920);
-    EXPECT_EQ(p.meta.codedHeight(), 1088);
-    EXPECT_EQ(p.meta.displayWidth(), 1920);
-    EXPECT_EQ(p.meta.displayHeight(), 1080);
-    EXPECT_EQ(p.meta.cropBottom(), 8); // 4:2:0 frame: crop units of two lines
-    EXPECT_EQ(p.meta.sarWidth(), 64);
-    EXPECT_EQ(p.meta.sarHeight(), 45);
-    EXPECT_EQ(p.meta.frameRateNumerator(), 24);
-    EXPECT_EQ(p.meta.frameRateDenominator(), 1);
-    EXPECT_DOUBLE_EQ(p.meta.frameRate(), 24.0);
-    EXPECT_EQ(p.meta.chromaFormat(), 1);
-    EXPECT_EQ(p.meta.bitDepthLuma(), 8);
-    EXPECT_TRUE(p.meta.frameMbsOnly());
+    EXPECT_EQ(describe(p.meta),
+              "h264 100@40 coded 1920x1088 display 1920x1080 crop 0,0,0,8 sar 64:45 rate 24/1 (24) chroma 1 depth "
+              "8/8 frames");
 }
 
 TEST(VideoStreamParserSps, CropUnitsFollowChromaFormatAndFieldCoding)
 {
-    struct Case {
+    // 640x240 coded (480 for a field pair), crop units 1, 2, 1 and 3.
+    const struct {
         unsigned chroma;
-        bool separatePlanes;
-        bool frameMbsOnly;
-        int unitX, unitY;
+        bool separatePlanes, frameMbsOnly;
+        const char* expected;
+    } cases[] = {
+        {1, false, true, "coded 640x240 display 634x232 crop 2,4,2,6"},
+        {1, false, false, "coded 640x480 display 634x464 crop 2,4,4,12"},
+        {2, false, true, "coded 640x240 display 634x236 crop 2,4,1,3"},
+        {2, false, false, "coded 640x480 display 634x472 crop 2,4,2,6"},
+        {3, false, true, "coded 640x240 display 637x236 crop 1,2,1,3"},
+        {3, false, false, "coded 640x480 display 637x472 crop 1,2,2,6"},
+        {3, true, true, "coded 640x240 display 637x236 crop 1,2,1,3"},
+        {0, false, true, "coded 640x240 display 637x236 crop 1,2,1,3"},
+        {0, false, false, "coded 640x480 display 637x472 crop 1,2,2,6"},
     };
-    const Case cases[] = {{1, false, true, 2, 2},  {1, false, false, 2, 4}, {2, false, true, 2, 1},
-                          {2, false, false, 2, 2}, {3, false, true, 1, 1},  {3, false, false, 1, 2},
-                          {3, true, true, 1, 1},   {0, false, true, 1, 1},  {0, false, false, 1, 2}};
     for (const auto& c : cases) {
-        SpsFields sps;
-        sps.profileIdc = c.chroma == 3 ? 244 : 122;
+        SpsFields sps(c.chroma == 3 ? 244 : 122, 40, 15);
         sps.chromaFormatIdc = c.chroma;
         sps.separateColourPlane = c.separatePlanes;
         sps.bitDepthLuma = 10;
         sps.bitDepthChroma = 9;
         sps.frameMbsOnly = c.frameMbsOnly;
-        sps.widthInMbs = 40;       // 640
-        sps.heightInMapUnits = 15; // 240 frame / 480 field pair
         sps.cropUnits = {1, 2, 1, 3};
         const auto p = parse(oneIdrPicture(sps));
         ASSERT_TRUE(p.ok) << p.error;
-        const int codedHeight = c.frameMbsOnly ? 240 : 480;
-        SCOPED_TRACE("chroma " + std::to_string(c.chroma) + (c.frameMbsOnly ? " frame" : " field"));
-        EXPECT_EQ(p.meta.codedWidth(), 640);
-        EXPECT_EQ(p.meta.codedHeight(), codedHeight);
-        EXPECT_EQ(p.meta.cropLeft(), c.unitX);
-        EXPECT_EQ(p.meta.displayWidth(), 640 - 3 * c.unitX);
-        EXPECT_EQ(p.meta.cropTop(), c.unitY);
-        EXPECT_EQ(p.meta.displayHeight(), codedHeight - 4 * c.unitY);
-        EXPECT_EQ(p.meta.chromaFormat(), static_cast<int>(c.chroma));
-        EXPECT_EQ(p.meta.bitDepthLuma(), 10);
-        EXPECT_EQ(p.meta.bitDepthChroma(), 9);
-        EXPECT_EQ(p.meta.frameMbsOnly(), c.frameMbsOnly);
+        EXPECT_EQ(describe(p.meta), "h264 " + std::to_string(sps.profileIdc) + "@30 " + c.expected +
+                                        " sar 0:0 rate 0/0 (0) chroma " + std::to_string(c.chroma) + " depth 10/9" +
+                                        (c.frameMbsOnly ? " frames" : " fields"));
     }
 }
 
@@ -132,7 +124,10 @@ TEST(VideoStreamParserSps, OutOfRangeAndTruncatedFieldsAreRejectedWithTheirName)
         {"max_num_ref_frames", [](SpsFields& s) { s.maxNumRefFrames = 17; }},
         {"pic_width_in_mbs_minus1", [](SpsFields& s) { s.widthInMbs = 0xffffffffu; }},
         {"pic_height_in_map_units_minus1", [](SpsFields& s) { s.heightInMapUnits = 2049; }},
-        {"frame cropping", [](SpsFields& s) { s.cropUnits = {100, 100, 0, 0}; }},
+        {"frame cropping",
+         [](SpsFields& s) {
+             s.cropUnits = {100, 100, 0, 0};
+         }},
         {"num_units_in_tick", [](SpsFields& s) { s.numUnitsInTick = 0, s.timeScale = 50; }},
     };
     for (const auto& c : cases) {
@@ -143,13 +138,11 @@ TEST(VideoStreamParserSps, OutOfRangeAndTruncatedFieldsAreRejectedWithTheirName)
         EXPECT_NE(p.error.find(c.field), std::string::npos) << c.field << ": " << p.error;
         EXPECT_FALSE(p.meta.isValid()) << c.field;
     }
-    SpsFields edge; // every limit reached, accepted
-    edge.profileIdc = 110;
+    SpsFields edge(110, 11, 2048); // every limit reached, accepted
     edge.bitDepthLuma = 14;
     edge.log2MaxFrameNum = 16;
     edge.log2MaxPocLsb = 16;
     edge.maxNumRefFrames = 16;
-    edge.heightInMapUnits = 2048;
     const auto p = parse(oneIdrPicture(edge));
     EXPECT_TRUE(p.ok) << p.error;
     EXPECT_EQ(p.meta.codedHeight(), 32768);
@@ -169,49 +162,47 @@ TEST(VideoStreamParserUnits, AccessUnitsKeyFramesAndByteRanges)
 {
     Bytes stream;
     std::vector<std::uint64_t> starts;
-    auto add = [&](const SliceHeader& s) { appendNal(stream, sliceRbsp(s), 3); };
+    auto add = [&](const Bytes& rbsp, bool startsUnit = false) {
+        if (startsUnit)
+            starts.push_back(stream.size());
+        appendNal(stream, rbsp, 3);
+    };
     // 0: delimiter, SPS, PPS, SEI and an IDR in two slices.
-    starts.push_back(stream.size());
-    appendNal(stream, {0x09, 0xf0});
-    appendNal(stream, spsRbsp(SpsFields()));
-    appendNal(stream, ppsRbsp());
-    appendNal(stream, seiRbsp(false));
-    add(slice(5, 0, 0, 0));
-    add(slice(5, 0, 0, 50));
+    add({0x09, 0xf0}, true);
+    add(spsRbsp(SpsFields()));
+    add(ppsRbsp());
+    add(seiRbsp(false));
+    add(sliceRbsp(5, 0, 0, 0));
+    add(sliceRbsp(5, 0, 0, 50));
     // 1: a P picture in two slices, no delimiter.
-    starts.push_back(stream.size());
-    add(slice(1, 1, 4, 0));
-    add(slice(1, 1, 4, 60));
+    add(sliceRbsp(1, 1, 4, 0), true);
+    add(sliceRbsp(1, 1, 4, 60));
     // 2: a non-reference picture with the same frame_num: only the POC and
     // nal_ref_idc tell it apart.
-    starts.push_back(stream.size());
-    add(slice(1, 2, 2, 0, 0));
+    add(sliceRbsp(1, 2, 2, 0, 0), true);
     // 3: a recovery point SEI before a non-IDR picture.
-    starts.push_back(stream.size());
-    appendNal(stream, seiRbsp(true));
-    add(slice(1, 2, 8));
+    add(seiRbsp(true), true);
+    add(sliceRbsp(1, 2, 8));
     // 4 and 5: IDRs told apart by idr_pic_id alone; end of stream stays with the last.
-    starts.push_back(stream.size());
-    add(slice(5, 0, 0, 0, 3, 1));
-    starts.push_back(stream.size());
-    add(slice(5, 0, 0, 0, 3, 2));
-    stream.insert(stream.end(), {0, 0, 1, 0x0b});
+    add(sliceRbsp(5, 0, 0, 0, 3, 1), true);
+    add(sliceRbsp(5, 0, 0, 0, 3, 2), true);
+    add({0x0b});
 
     const auto p = parse(stream);
     ASSERT_TRUE(p.ok) << p.error;
-    ASSERT_EQ(p.units.size(), starts.size());
-    const bool keys[] = {true, false, false, true, true, true};
-    for (std::size_t i = 0; i < starts.size(); ++i) {
-        EXPECT_EQ(p.units[i].offset, starts[i]) << i;
-        EXPECT_EQ(p.units[i].size, (i + 1 < starts.size() ? starts[i + 1] : stream.size()) - starts[i]) << i;
-        EXPECT_EQ(p.units[i].keyFrame, keys[i]) << i;
+    std::vector<std::uint64_t> offsets;
+    std::string shape;
+    for (std::size_t i = 0; i < p.units.size(); ++i) {
+        const auto& unit = p.units[i];
+        offsets.push_back(unit.offset);
+        EXPECT_EQ(unit.offset + unit.size, i + 1 < p.units.size() ? p.units[i + 1].offset : stream.size()) << i;
+        for (auto type : unit.nalTypes)
+            shape += std::to_string(type) + ",";
+        shape += std::string(unit.idr ? " idr" : "") + (unit.recoveryPoint ? " recovery" : "") +
+                 (unit.keyFrame ? " key" : "") + "; ";
     }
-    EXPECT_EQ(p.units[0].nalTypes, (std::vector<std::uint8_t>{9, 7, 8, 6, 5, 5}));
-    EXPECT_EQ(p.units[1].nalTypes, (std::vector<std::uint8_t>{1, 1}));
-    EXPECT_EQ(p.units[3].nalTypes, (std::vector<std::uint8_t>{6, 1}));
-    EXPECT_EQ(p.units[5].nalTypes, (std::vector<std::uint8_t>{5, 11}));
-    EXPECT_TRUE(p.units[3].recoveryPoint);
-    EXPECT_FALSE(p.units[3].idr);
+    EXPECT_EQ(offsets, starts);
+    EXPECT_EQ(shape, "9,7,8,6,5,5, idr key; 1,1,; 1,; 6,1, recovery key; 5, idr key; 5,11, idr key; ");
     EXPECT_EQ(p.meta.accessUnitCount(), 6u);
     EXPECT_EQ(p.meta.keyFrameCount(), 4u);
 
@@ -246,7 +237,7 @@ TEST(VideoStreamParserUnits, FailuresAndInputs)
     EXPECT_EQ(lenient.units[0].offset, 2u);
 
     Bytes slicesOnly;
-    appendNal(slicesOnly, sliceRbsp(slice(1)));
+    appendNal(slicesOnly, sliceRbsp(1));
     const auto noSps = parse(slicesOnly);
     EXPECT_FALSE(noSps.ok);
     EXPECT_NE(noSps.error.find("sequence parameter set"), std::string::npos) << noSps.error;
