@@ -46,37 +46,32 @@ TEST(ProbeTool, ListsWhatTheParserFinds)
     std::string out;
     ASSERT_EQ(runCommand("LUMIFLUX_NO_SYSLOG=1 " LUMIFLUX_TOOL " probe --json --units " + file, &out), 0) << out;
     std::istringstream lines(out);
-    std::size_t unitIndex = 0, streams = 0, nalUnits = 0;
+    std::size_t unitIndex = 0, nalUnits = 0;
+    json streamRecord;
     for (std::string line; std::getline(lines, line);) {
         const json record = json::parse(line);
         if (record["event"] == "stream") {
-            ++streams;
-            EXPECT_EQ(record["codedWidth"], 176);
-            EXPECT_EQ(record["displayWidth"], meta.displayWidth());
-            EXPECT_EQ(record["crop"], json::array({0, 2, 0, 0}));
-            EXPECT_EQ(record["sarWidth"], 4);
-            EXPECT_EQ(record["sarHeight"], 3);
-            EXPECT_EQ(record["frameRateNumerator"], 25);
-            EXPECT_EQ(record["frameRateDenominator"], 1);
-            EXPECT_EQ(record["accessUnits"], 3);
-            EXPECT_EQ(record["keyFrames"], 2);
+            streamRecord = record;
         } else if (record["event"] == "nalUnits") {
             nalUnits += record["count"].get<std::size_t>();
             EXPECT_EQ(record["count"], parser.nalUnitCounts().at(record["type"].get<std::size_t>())) << line;
         } else if (record["event"] == "accessUnit") {
             ASSERT_LT(unitIndex, units.size()) << line;
-            const auto& unit = units[unitIndex];
-            EXPECT_EQ(record["index"], unitIndex);
-            EXPECT_EQ(record["offset"], unit.offset);
-            EXPECT_EQ(record["size"], unit.size);
-            EXPECT_EQ(record["nalTypes"], json(unit.nalTypes));
-            EXPECT_EQ(record["keyFrame"], unit.keyFrame);
-            ++unitIndex;
+            const auto& unit = units[unitIndex++];
+            EXPECT_EQ(record, json({{"event", "accessUnit"},
+                                    {"index", unitIndex - 1},
+                                    {"offset", unit.offset},
+                                    {"size", unit.size},
+                                    {"nalTypes", unit.nalTypes},
+                                    {"keyFrame", unit.keyFrame}}));
         }
     }
-    EXPECT_EQ(streams, 1u);
     EXPECT_EQ(nalUnits, 6u);
     EXPECT_EQ(unitIndex, units.size());
+    EXPECT_EQ(streamRecord["crop"], json::array({0, 2, 0, 0})) << out;
+    EXPECT_EQ(streamRecord["sarWidth"], 4);
+    EXPECT_EQ(streamRecord["sarHeight"], 3);
+    EXPECT_EQ(streamRecord["keyFrames"], meta.keyFrameCount());
 
     // The text form says the same for people.
     ASSERT_EQ(runCommand("LUMIFLUX_NO_SYSLOG=1 " LUMIFLUX_TOOL " probe --units " + file, &out), 0);

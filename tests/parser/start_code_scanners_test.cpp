@@ -97,12 +97,6 @@ void expectSameScans(const Bytes& stream, std::size_t begin, int carriedIn, std:
             ASSERT_EQ(fast.startCodeSize(), chunked.startCodeSize);
         } while (chunked.readOffset != static_cast<long long>(cuts[i] - from));
     }
-    // The counter left at the end shows in what a following chunk finds.
-    const Bytes probe{0, 1, 0, 0, 1};
-    fast.setData(probe.data(), probe.size());
-    chunked.setData(probe.data(), probe.size());
-    ASSERT_EQ(fast.findNextNaluOffset(), chunked.next());
-    ASSERT_EQ(fast.startCodeSize(), chunked.startCodeSize);
 }
 
 } // namespace
