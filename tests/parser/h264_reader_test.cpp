@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
-#include <memory>
 #include <regex>
 #include <string>
 #include <syslog.h>
@@ -104,19 +102,12 @@ TEST(H264Reader, UnitsAndErrors)
 
 namespace {
 
-// An exact-size heap copy of a start code and `rbsp`: a read outside it trips AddressSanitizer.
-struct ExactUnit {
-    explicit ExactUnit(const Bytes& rbsp, Bytes startCode = {0, 0, 0, 1})
-    {
-        startCode.insert(startCode.end(), rbsp.begin(), rbsp.end());
-        size = startCode.size();
-        bytes = std::make_unique<unsigned char[]>(size);
-        std::memcpy(bytes.get(), startCode.data(), size);
-    }
-    H264NaluReader reader() { return H264NaluReader(bytes.get(), size); }
-    std::unique_ptr<unsigned char[]> bytes;
-    std::size_t size;
-};
+// A start code and `rbsp` in a buffer of exactly their size: a read outside it trips AddressSanitizer.
+Bytes exactUnit(const Bytes& rbsp, Bytes startCode = {0, 0, 0, 1})
+{
+    startCode.insert(startCode.end(), rbsp.begin(), rbsp.end());
+    return Bytes(startCode.begin(), startCode.end());
+}
 
 } // namespace
 
@@ -127,9 +118,9 @@ TEST(H264NaluReader, BitsAndExpGolombStopAtTheEndOfTheUnit)
     for (std::uint64_t v = 0; v < 300; ++v)
         w.ue(v);
     w.ue(0xfffffffeull).u(13, 0x1abc).trailing(); // the largest 32-bit value
-    ExactUnit unit(w.bytes(), {0, 0, 1});
-    H264NaluReader reader = unit.reader();
-    EXPECT_EQ(reader.size(), unit.size - 3);
+    Bytes unit = exactUnit(w.bytes(), {0, 0, 1});
+    H264NaluReader reader(unit.data(), unit.size());
+    EXPECT_EQ(reader.size(), unit.size() - 3);
     EXPECT_EQ(reader.naluType(), 5u);
     EXPECT_EQ(reader.bitPosition(), 8u);
     for (unsigned n = 0; n < 8; ++n)
@@ -142,8 +133,8 @@ TEST(H264NaluReader, BitsAndExpGolombStopAtTheEndOfTheUnit)
     EXPECT_EQ(reader.readUnsigned(13), 0x1abcu);
     EXPECT_FALSE(reader.overrun());
 
-    ExactUnit shortUnit({0x67, 0xff, 0x80});
-    H264NaluReader end = shortUnit.reader();
+    Bytes shortUnit = exactUnit({0x67, 0xff, 0x80});
+    H264NaluReader end(shortUnit.data(), shortUnit.size());
     EXPECT_EQ(end.readUnsigned(8), 0xffu);
     EXPECT_FALSE(end.overrun());
     EXPECT_EQ(end.readUnsigned(12), 0x800u); // 1000 0000, then zeros past the end
@@ -152,12 +143,12 @@ TEST(H264NaluReader, BitsAndExpGolombStopAtTheEndOfTheUnit)
     EXPECT_EQ(end.getBit(1000), 0u);
     EXPECT_EQ(end.readGolomb(), 0u);
 
-    ExactUnit zeros({0x67, 0, 0}, {0, 0, 1}); // an Exp-Golomb code whose zeros run off the end
-    H264NaluReader golomb = zeros.reader();
+    Bytes zeros = exactUnit({0x67, 0, 0}, {0, 0, 1}); // an Exp-Golomb code whose zeros run off the end
+    H264NaluReader golomb(zeros.data(), zeros.size());
     EXPECT_EQ(golomb.readGolomb(), 0u);
     EXPECT_TRUE(golomb.overrun());
 
-    H264NaluReader huge = shortUnit.reader(); // neither wraps the position nor reads outside
+    H264NaluReader huge(shortUnit.data(), shortUnit.size()); // neither wraps the position nor reads outside
     for (int i = 0; i < 3; ++i)
         huge.readUnsigned(INT_MAX);
     EXPECT_TRUE(huge.overrun());
@@ -191,8 +182,8 @@ namespace {
 // What parseSPS makes of an SPS, read as its bits stand (the unit is not escaped).
 std::string minimalSps(const Bytes& rbsp)
 {
-    ExactUnit unit(rbsp);
-    H264NaluReader reader = unit.reader();
+    Bytes unit = exactUnit(rbsp);
+    H264NaluReader reader(unit.data(), unit.size());
     int width = 0, height = 0, level = 0, profile = 0;
     if (!reader.parseSPS(width, height, level, profile))
         return "failed";
