@@ -3,8 +3,8 @@
 // Hand-written H.264 units for the tests, field by field, so that each stream
 // says what it holds: a bit writer (fixed-width fields, Exp-Golomb codes, the
 // stop bit), emulation prevention and Annex B framing, and the units the
-// parsers read. The fields are the library's own parameter set and slice
-// header records; only what they do not hold is added here.
+// parsers read. An SPS is written from the library's own parameter set
+// record; only what that record does not hold is added here.
 
 #include <algorithm>
 #include <array>
