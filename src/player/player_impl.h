@@ -109,6 +109,10 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     void abortDiscoveries();
     static void onDiscovered(GstDiscoverer* discoverer, GstDiscovererInfo* info, GError* error, Impl* impl);
     void handleStreamCollection(GstMessage* message);
+    void watchTrackTags(GstStreamCollection* collection);
+    void unwatchTrackTagsLocked();
+    static void handleTrackTagsChanged(GstStreamCollection* collection, GstStream* stream, GParamSpec* property,
+                                       Impl* impl);
     void onMediaInfoReady(MediaInfo& info);
     void handleStreamsSelected(GstMessage* message);
     void selectTracks(const std::vector<int>& trackIds);
@@ -161,6 +165,11 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     MediaInfo mediaInfo;
     std::vector<std::string> streamIds;
     std::mutex mediaMutex;
+    // The last collection, watched for tags that reach its streams late;
+    // released with the pipeline, whose streaming threads notify.
+    Internal::Ref<GstStreamCollection> watchedCollection;
+    gulong tagWatchHandler = 0;
+    std::mutex tagWatchMutex;
 
     std::thread thread;
     std::recursive_mutex taskMutex;
