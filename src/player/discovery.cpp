@@ -3,54 +3,17 @@
 
 namespace Tevara::Lumiflux {
 
-namespace {
-
-// While the pipeline prerolls, the discovery waits in steps of this length,
-// at most kDiscoveryMaxWaits times: a pipeline stuck on a silent server must
-// not keep the duration from being discovered.
-constexpr guint kDiscoveryWaitMs = 40;
-constexpr int kDiscoveryMaxWaits = 25;
-
-} // namespace
-
 void Player::Impl::startAsyncDiscovery()
 {
     // The discoverer builds and prerolls a pipeline of its own. Started at
     // once, it would compete with the player's pipeline, which the tasks
     // queued behind this one (the pause of play(uri) + pause()) are about to
-    // start, and hold up the first frame. It starts instead when the player's
-    // context has nothing more urgent to do and the pipeline is not busy
-    // prerolling. One pending start suffices: it discovers the URI current
-    // at that moment.
+    // start, and hold up the first frame. It starts instead once the
+    // pipeline is not prerolling (see preroll_wait.cpp), and discovers the
+    // URI current at that moment.
     discoveryWaits = 0;
-    if (discoveryScheduled.exchange(true))
-        return;
-    scheduleDiscovery(g_idle_source_new());
-}
-
-void Player::Impl::scheduleDiscovery(GSource* source)
-{
-    g_source_set_priority(source, G_PRIORITY_LOW);
-    g_source_set_callback(source, &Impl::scheduledDiscovery, this, nullptr);
-    g_source_attach(source, mainContext);
-    g_source_unref(source);
-}
-
-gboolean Player::Impl::scheduledDiscovery(gpointer data)
-{
-    auto* impl = static_cast<Impl*>(data);
-    if (GstElement* pipe = impl->pipeline.load()) {
-        GstState current = GST_STATE_VOID_PENDING;
-        GstState pending = GST_STATE_VOID_PENDING;
-        const bool busy = gst_element_get_state(pipe, &current, &pending, 0) == GST_STATE_CHANGE_ASYNC;
-        if (busy && ++impl->discoveryWaits <= kDiscoveryMaxWaits && !impl->shuttingDown.load()) {
-            impl->scheduleDiscovery(g_timeout_source_new(kDiscoveryWaitMs));
-            return G_SOURCE_REMOVE;
-        }
-    }
-    impl->discoveryScheduled.exchange(false);
-    impl->discoverCurrentUri();
-    return G_SOURCE_REMOVE;
+    discoveryScheduled.exchange(true);
+    schedulePrerollCheck();
 }
 
 void Player::Impl::discoverCurrentUri()

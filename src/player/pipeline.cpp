@@ -156,6 +156,11 @@ void Player::Impl::destroyPipeline()
         g_object_set(fakeSink, "signal-handoffs", FALSE, nullptr);
 
     gst_element_set_state(pipe, GST_STATE_NULL);
+    // No streaming thread runs any more: none is inside the tag handler.
+    {
+        std::lock_guard<std::mutex> lock(tagWatchMutex);
+        unwatchTrackTagsLocked();
+    }
     // The pipeline is down: no message may reach this object from a bus that
     // an element still holds after we let go of it.
     if (GstBus* pipelineBus = bus.load())
@@ -174,6 +179,8 @@ void Player::Impl::destroyPipeline()
     }
     adaptiveDemuxer.store(nullptr);
     httpSource.store(nullptr);
+    // Its stream identifiers belonged to the pipeline just destroyed.
+    pendingSelection.reset();
 }
 
 void Player::Impl::handleElementAdded(GstBin*, GstElement* element, Impl* impl)

@@ -85,6 +85,10 @@ Player::Impl::~Impl()
     // The timers must not fire again: they point at this object.
     g_source_destroy(positionSource);
     g_source_destroy(durationSource);
+    if (prerollCheckSource) {
+        g_source_destroy(prerollCheckSource);
+        g_source_unref(prerollCheckSource);
+    }
     g_main_context_unref(mainContext);
     g_source_unref(positionSource);
     g_source_unref(durationSource);

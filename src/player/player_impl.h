@@ -105,17 +105,24 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
 
     // ---- discovery and tracks (discovery.cpp, track_selection.cpp)
     void startAsyncDiscovery();
-    void scheduleDiscovery(GSource* source);
-    static gboolean scheduledDiscovery(gpointer impl);
     void discoverCurrentUri();
     void abortDiscoveries();
     static void onDiscovered(GstDiscoverer* discoverer, GstDiscovererInfo* info, GError* error, Impl* impl);
     void handleStreamCollection(GstMessage* message);
+    void watchTrackTags(GstStreamCollection* collection);
+    void unwatchTrackTagsLocked();
+    static void handleTrackTagsChanged(GstStreamCollection* collection, GstStream* stream, GParamSpec* property,
+                                       Impl* impl);
     void onMediaInfoReady(MediaInfo& info);
     void handleStreamsSelected(GstMessage* message);
     void selectTracks(const std::vector<int>& trackIds);
     void sendSelectStreams(GList* streamIds);
     void runPendingCleanups();
+
+    // ---- work held back while the pipeline prerolls (preroll_wait.cpp)
+    bool pipelinePrerolling();
+    void schedulePrerollCheck();
+    static gboolean prerollCheck(gpointer impl);
 
     // ---- frames (frame_handoff.cpp)
     static void handleHandoff(GstElement* sink, GstBuffer* buffer, GstPad* pad, Impl* impl);
@@ -158,6 +165,11 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     MediaInfo mediaInfo;
     std::vector<std::string> streamIds;
     std::mutex mediaMutex;
+    // The last collection, watched for tags that reach its streams late;
+    // released with the pipeline, whose streaming threads notify.
+    Internal::Ref<GstStreamCollection> watchedCollection;
+    gulong tagWatchHandler = 0;
+    std::mutex tagWatchMutex;
 
     std::thread thread;
     std::recursive_mutex taskMutex;
@@ -182,10 +194,17 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     std::atomic<GstElement*> httpSource{nullptr};
 
     GstDiscoverer* discoverer = nullptr;
-    // A discovery start is queued on the player's context, and how often it
-    // has waited for the pipeline to preroll (player thread only).
+    // A discovery waits for the pipeline to preroll, and how often it has
+    // checked (player thread only).
     std::atomic<bool> discoveryScheduled{false};
     int discoveryWaits = 0;
+    // A selection that waits for the pipeline to preroll, and the check that
+    // runs while anything waits (player thread only).
+    struct StreamListFree {
+        void operator()(GList* list) const { g_list_free_full(list, g_free); }
+    };
+    std::unique_ptr<GList, StreamListFree> pendingSelection;
+    GSource* prerollCheckSource = nullptr;
     // Discoveries queued and not yet reported. The destructor waits for them
     // before releasing the discoverer: stopping one that is still processing
     // can deadlock inside GStreamer (it changes its pipeline's state under a

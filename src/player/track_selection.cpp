@@ -9,17 +9,14 @@
 
 namespace Tevara::Lumiflux {
 
-void Player::Impl::handleStreamCollection(GstMessage* message)
+namespace {
+
+// The track list of a collection, and its stream identifiers by position.
+MediaInfo tracksOf(GstStreamCollection* collection, std::vector<std::string>& ids)
 {
-    LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "GST_MESSAGE_STREAM_COLLECTION" << std::endl;
-    GstStreamCollection* raw = nullptr;
-    gst_message_parse_stream_collection(message, &raw);
-    Internal::Ref<GstStreamCollection> collection = Internal::Ref<GstStreamCollection>::adopt(raw);
-    if (!collection)
-        return;
     MediaInfo info;
-    const guint size = gst_stream_collection_get_size(collection.get());
-    std::vector<std::string> ids(size);
+    const guint size = gst_stream_collection_get_size(collection);
+    ids.assign(size, std::string());
     int videoCount = 0;
     int audioCount = 0;
     int textCount = 0;
@@ -27,7 +24,7 @@ void Player::Impl::handleStreamCollection(GstMessage* message)
     for (guint i = 0; i < size; ++i) {
         TrackInfo track;
         track.setId(static_cast<std::int32_t>(i));
-        GstStream* stream = gst_stream_collection_get_stream(collection.get(), i);
+        GstStream* stream = gst_stream_collection_get_stream(collection, i);
         if (!stream) {
             LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "stream " << i << " is null" << std::endl;
             continue;
@@ -72,14 +69,86 @@ void Player::Impl::handleStreamCollection(GstMessage* message)
         info.addTrack(std::move(track));
     }
 
+    return info;
+}
+
+bool sameTracks(const std::vector<TrackInfo>& a, const std::vector<TrackInfo>& b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (a[i].id() != b[i].id() || a[i].name() != b[i].name() || a[i].tags() != b[i].tags())
+            return false;
+    return true;
+}
+
+} // namespace
+
+void Player::Impl::handleStreamCollection(GstMessage* message)
+{
+    LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "GST_MESSAGE_STREAM_COLLECTION" << std::endl;
+    GstStreamCollection* raw = nullptr;
+    gst_message_parse_stream_collection(message, &raw);
+    Internal::Ref<GstStreamCollection> collection = Internal::Ref<GstStreamCollection>::adopt(raw);
+    if (!collection)
+        return;
+    std::vector<std::string> ids;
+    MediaInfo info = tracksOf(collection.get(), ids);
     {
         std::lock_guard<std::mutex> lock(mediaMutex);
         streamIds = std::move(ids);
     }
+    watchTrackTags(collection.get());
     onMediaInfoReady(info);
 
     if (playWhenReady.exchange(false))
         addTask(Task(Task::Play));
+}
+
+void Player::Impl::watchTrackTags(GstStreamCollection* collection)
+{
+    // A stream's tags (a subtitle's language, say) may reach its stream
+    // object only after the collection was posted, when the demuxer first
+    // sends data on it; no new collection follows. The collection notifies
+    // such changes itself.
+    std::lock_guard<std::mutex> lock(tagWatchMutex);
+    if (watchedCollection.get() == collection)
+        return;
+    unwatchTrackTagsLocked();
+    watchedCollection = Internal::Ref<GstStreamCollection>::share(collection);
+    tagWatchHandler =
+        g_signal_connect(collection, "stream-notify::tags", G_CALLBACK(&Impl::handleTrackTagsChanged), this);
+}
+
+void Player::Impl::unwatchTrackTagsLocked()
+{
+    if (watchedCollection && tagWatchHandler)
+        g_signal_handler_disconnect(watchedCollection.get(), tagWatchHandler);
+    tagWatchHandler = 0;
+    watchedCollection.reset();
+}
+
+void Player::Impl::handleTrackTagsChanged(GstStreamCollection* collection, GstStream*, GParamSpec*, Impl* impl)
+{
+    // Runs on a streaming thread; nothing may escape into C.
+    try {
+        std::vector<std::string> ids;
+        MediaInfo info = tracksOf(collection, ids);
+        MediaInfo snapshot;
+        {
+            std::lock_guard<std::mutex> lock(impl->mediaMutex);
+            // Same collection, same streams: only titles and tags can differ.
+            if (ids != impl->streamIds || sameTracks(info.tracks(), impl->mediaInfo.tracks()))
+                return;
+            impl->mediaInfo.takeTagsAndTracks(std::move(info));
+            snapshot = impl->mediaInfo;
+        }
+        std::lock_guard<std::mutex> lock(impl->listenerMutex);
+        if (impl->listener)
+            impl->listener->onMediaInfo(snapshot);
+    } catch (const std::exception& e) {
+        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "exception while updating the tracks: " << e.what() << std::endl;
+    }
 }
 
 void Player::Impl::onMediaInfoReady(MediaInfo& info)
@@ -158,6 +227,14 @@ void Player::Impl::selectTracks(const std::vector<int>& trackIds)
 
 void Player::Impl::sendSelectStreams(GList* ids)
 {
+    if (pipelinePrerolling()) {
+        // Sent once the preroll is over (see preroll_wait.cpp); a newer
+        // selection replaces one still waiting.
+        LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Selection waits for the preroll" << std::endl;
+        pendingSelection.reset(ids);
+        schedulePrerollCheck();
+        return;
+    }
     GstElement* pipe = pipeline.load();
     if (!pipe || !gst_element_send_event(pipe, gst_event_new_select_streams(ids))) {
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Can't send SELECT_STREAMS event" << std::endl;

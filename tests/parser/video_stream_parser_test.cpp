@@ -5,12 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include <lumiflux/h264_reader.h>
 #include <lumiflux/video_stream_parser.h>
 
 #include "h264_stream.h"
@@ -20,23 +19,8 @@ using namespace lumiflux_test;
 using Tevara::Lumiflux::VideoStreamMetadata;
 using Tevara::Lumiflux::VideoStreamParser;
 using Tevara::Lumiflux::VideoStreamParserSettings;
-using Bytes = std::vector<std::uint8_t>;
 
 namespace {
-
-// SPS, PPS and one IDR picture of one slice.
-Bytes oneIdrPicture(const SpsFields& sps)
-{
-    Bytes stream;
-    appendNal(stream, spsRbsp(sps));
-    appendNal(stream, ppsRbsp());
-    SliceFields slice;
-    slice.idr = true;
-    slice.log2MaxFrameNum = sps.log2MaxFrameNumMinus4 + 4;
-    slice.log2MaxPocLsb = sps.log2MaxPocLsbMinus4 + 4;
-    appendNal(stream, sliceRbsp(slice));
-    return stream;
-}
 
 struct Parsed {
     bool ok;
@@ -48,114 +32,81 @@ struct Parsed {
 Parsed parse(const Bytes& stream, VideoStreamParserSettings settings = {})
 {
     VideoStreamParser parser(settings);
-    Parsed p;
-    p.ok = parser.parse(stream.data(), stream.size());
-    p.error = parser.errorMessage();
-    p.meta = parser.metadata();
-    p.units = parser.accessUnits();
-    return p;
+    const bool ok = parser.parse(stream.data(), stream.size());
+    return {ok, parser.errorMessage(), parser.metadata(), parser.accessUnits()};
+}
+
+// Every field of a description on one line, so that a case states it whole.
+std::string describe(const VideoStreamMetadata& m)
+{
+    std::ostringstream s;
+    s << m.codecName() << " " << m.profile() << "@" << m.level() << " coded " << m.codedWidth() << "x"
+      << m.codedHeight() << " display " << m.displayWidth() << "x" << m.displayHeight() << " crop " << m.cropLeft()
+      << "," << m.cropRight() << "," << m.cropTop() << "," << m.cropBottom() << " sar " << m.sarWidth() << ":"
+      << m.sarHeight() << " rate " << m.frameRateNumerator() << "/" << m.frameRateDenominator() << " (" << m.frameRate()
+      << ") chroma " << m.chromaFormat() << " depth " << m.bitDepthLuma() << "/" << m.bitDepthChroma()
+      << (m.frameMbsOnly() ? " frames" : " fields");
+    return s.str();
 }
 
 } // namespace
 
-TEST(VideoStreamParserSps, EmulationPreventionScalingListsAndCropping)
+TEST(VideoStreamParserSps, EmulationPreventionScalingListsCroppingAndVui)
 {
-    // 1920x1080 high profile with scaling lists, a crop of 4 lines at the
-    // bottom, and a num_units_in_tick of 1 whose 31 zero bits need emulation
-    // prevention.
-    SpsFields hd;
-    hd.profile = 100;
-    hd.level = 40;
-    hd.widthMbsMinus1 = 119;
-    hd.heightMapUnitsMinus1 = 67;
+    // 1080p high profile with scaling lists, 4 crop units at the bottom, and
+    // a num_units_in_tick of 1 whose 31 zero bits need emulation prevention.
+    SpsFields hd(100, 120, 68);
+    hd.levelIdc = 40;
     hd.presentLists = {true, false, true, false, false, false, true, true};
-    hd.crop = true;
-    hd.cropBottom = 4;
-    hd.vui = true;
-    hd.aspectRatioIdc = 255;
+    hd.cropUnits = {0, 0, 0, 4};
     hd.sarWidth = 64;
     hd.sarHeight = 45;
-    hd.timing = true;
     hd.numUnitsInTick = 1;
     hd.timeScale = 48;
-    const Bytes stream = oneIdrPicture(hd);
-    const Bytes raw = spsRbsp(hd);
-    ASSERT_NE(escapeRbsp(raw), raw) << "the SPS should need emulation prevention";
-
-    const auto p = parse(stream);
+    ASSERT_NE(escapeRbsp(spsRbsp(hd)), spsRbsp(hd)) << "the SPS should need emulation prevention";
+    const auto p = parse(oneIdrPicture(hd));
     ASSERT_TRUE(p.ok) << p.error;
     EXPECT_TRUE(p.meta.isValid());
-    EXPECT_EQ(p.meta.codecName(), "h264");
-    EXPECT_EQ(p.meta.profile(), 100);
-    EXPECT_EQ(p.meta.level(), 40);
-    EXPECT_EQ(p.meta.codedWidth(), 1920);
-    EXPECT_EQ(p.meta.codedHeight(), 1088);
-    EXPECT_EQ(p.meta.displayWidth(), 1920);
-    EXPECT_EQ(p.meta.displayHeight(), 1080);
-    EXPECT_EQ(p.meta.cropBottom(), 8); // 4:2:0 frame: crop units of two lines
-    EXPECT_EQ(p.meta.sarWidth(), 64);
-    EXPECT_EQ(p.meta.sarHeight(), 45);
-    EXPECT_EQ(p.meta.frameRateNumerator(), 24);
-    EXPECT_EQ(p.meta.frameRateDenominator(), 1);
-    EXPECT_DOUBLE_EQ(p.meta.frameRate(), 24.0);
-    EXPECT_EQ(p.meta.chromaFormat(), 1);
-    EXPECT_EQ(p.meta.bitDepthLuma(), 8);
-    EXPECT_TRUE(p.meta.frameMbsOnly());
-
-    // The minimal reader on the same unit takes the lists for later fields.
-    H264Reader reader;
-    reader.setData(stream.data(), stream.size());
-    const auto unit = reader.readNalUnit();
-    Bytes copy(stream.begin(), stream.begin() + static_cast<long>(unit.second));
-    H264NaluReader nal(copy.data(), copy.size());
-    int w = 0, h = 0, l = 0, pr = 0;
-    EXPECT_FALSE(nal.parseSPS(w, h, l, pr) && w == 1920 && h == 1088);
+    EXPECT_EQ(describe(p.meta),
+              "h264 100@40 coded 1920x1088 display 1920x1080 crop 0,0,0,8 sar 64:45 rate 24/1 (24) chroma 1 depth "
+              "8/8 frames");
 }
 
 TEST(VideoStreamParserSps, CropUnitsFollowChromaFormatAndFieldCoding)
 {
-    struct Case {
+    // 640x240 coded (480 for a field pair), crop units 1, 2, 1 and 3.
+    const struct {
         unsigned chroma;
-        bool separatePlanes;
-        bool frameMbsOnly;
-        int unitX, unitY;
+        bool separatePlanes, frameMbsOnly;
+        const char* expected;
+    } cases[] = {
+        {1, false, true, "coded 640x240 display 634x232 crop 2,4,2,6"},
+        {1, false, false, "coded 640x480 display 634x464 crop 2,4,4,12"},
+        {2, false, true, "coded 640x240 display 634x236 crop 2,4,1,3"},
+        {2, false, false, "coded 640x480 display 634x472 crop 2,4,2,6"},
+        {3, false, true, "coded 640x240 display 637x236 crop 1,2,1,3"},
+        {3, false, false, "coded 640x480 display 637x472 crop 1,2,2,6"},
+        {3, true, true, "coded 640x240 display 637x236 crop 1,2,1,3"},
+        {0, false, true, "coded 640x240 display 637x236 crop 1,2,1,3"},
+        {0, false, false, "coded 640x480 display 637x472 crop 1,2,2,6"},
     };
-    const Case cases[] = {{1, false, true, 2, 2},  {1, false, false, 2, 4}, {2, false, true, 2, 1},
-                          {2, false, false, 2, 2}, {3, false, true, 1, 1},  {3, false, false, 1, 2},
-                          {3, true, true, 1, 1},   {0, false, true, 1, 1},  {0, false, false, 1, 2}};
     for (const auto& c : cases) {
-        SpsFields sps;
-        sps.profile = c.chroma == 3 ? 244 : 122;
-        sps.chromaFormat = c.chroma;
-        sps.separatePlanes = c.separatePlanes;
-        sps.bitDepthLumaMinus8 = 2;
-        sps.bitDepthChromaMinus8 = 1;
+        SpsFields sps(c.chroma == 3 ? 244 : 122, 40, 15);
+        sps.chromaFormatIdc = c.chroma;
+        sps.separateColourPlane = c.separatePlanes;
+        sps.bitDepthLuma = 10;
+        sps.bitDepthChroma = 9;
         sps.frameMbsOnly = c.frameMbsOnly;
-        sps.widthMbsMinus1 = 39;       // 640
-        sps.heightMapUnitsMinus1 = 14; // 240 frame / 480 field pair
-        sps.crop = true;
-        sps.cropLeft = 1;
-        sps.cropRight = 2;
-        sps.cropTop = 1;
-        sps.cropBottom = 3;
+        sps.cropUnits = {1, 2, 1, 3};
         const auto p = parse(oneIdrPicture(sps));
         ASSERT_TRUE(p.ok) << p.error;
-        const int codedHeight = c.frameMbsOnly ? 240 : 480;
-        SCOPED_TRACE("chroma " + std::to_string(c.chroma) + (c.frameMbsOnly ? " frame" : " field"));
-        EXPECT_EQ(p.meta.codedWidth(), 640);
-        EXPECT_EQ(p.meta.codedHeight(), codedHeight);
-        EXPECT_EQ(p.meta.cropLeft(), c.unitX);
-        EXPECT_EQ(p.meta.displayWidth(), 640 - 3 * c.unitX);
-        EXPECT_EQ(p.meta.cropTop(), c.unitY);
-        EXPECT_EQ(p.meta.displayHeight(), codedHeight - 4 * c.unitY);
-        EXPECT_EQ(p.meta.chromaFormat(), static_cast<int>(c.chroma));
-        EXPECT_EQ(p.meta.bitDepthLuma(), 10);
-        EXPECT_EQ(p.meta.bitDepthChroma(), 9);
-        EXPECT_EQ(p.meta.frameMbsOnly(), c.frameMbsOnly);
+        EXPECT_EQ(describe(p.meta), "h264 " + std::to_string(sps.profileIdc) + "@30 " + c.expected +
+                                        " sar 0:0 rate 0/0 (0) chroma " + std::to_string(c.chroma) + " depth 10/9" +
+                                        (c.frameMbsOnly ? " frames" : " fields"));
     }
 }
 
-TEST(VideoStreamParserSps, OutOfRangeFieldsAreRejectedWithTheirName)
+TEST(VideoStreamParserSps, OutOfRangeAndTruncatedFieldsAreRejectedWithTheirName)
 {
     struct Case {
         const char* field;
@@ -163,19 +114,21 @@ TEST(VideoStreamParserSps, OutOfRangeFieldsAreRejectedWithTheirName)
     };
     const Case cases[] = {
         {"seq_parameter_set_id", [](SpsFields& s) { s.id = 32; }},
-        {"chroma_format_idc", [](SpsFields& s) { s.profile = 100, s.chromaFormat = 4; }},
-        {"bit_depth_luma_minus8", [](SpsFields& s) { s.profile = 110, s.bitDepthLumaMinus8 = 7; }},
-        {"bit_depth_chroma_minus8", [](SpsFields& s) { s.profile = 110, s.bitDepthChromaMinus8 = 40; }},
-        {"log2_max_frame_num_minus4", [](SpsFields& s) { s.log2MaxFrameNumMinus4 = 13; }},
+        {"chroma_format_idc", [](SpsFields& s) { s.profileIdc = 100, s.chromaFormatIdc = 4; }},
+        {"bit_depth_luma_minus8", [](SpsFields& s) { s.profileIdc = 110, s.bitDepthLuma = 15; }},
+        {"bit_depth_chroma_minus8", [](SpsFields& s) { s.profileIdc = 110, s.bitDepthChroma = 48; }},
+        {"log2_max_frame_num_minus4", [](SpsFields& s) { s.log2MaxFrameNum = 17; }},
         {"pic_order_cnt_type", [](SpsFields& s) { s.pocType = 3; }},
-        {"log2_max_pic_order_cnt_lsb_minus4", [](SpsFields& s) { s.log2MaxPocLsbMinus4 = 13; }},
-        {"num_ref_frames_in_pic_order_cnt_cycle",
-         [](SpsFields& s) { s.pocType = 1, s.pocCycle = std::vector<std::int64_t>(256, 1); }},
-        {"max_num_ref_frames", [](SpsFields& s) { s.maxRefFrames = 17; }},
-        {"pic_width_in_mbs_minus1", [](SpsFields& s) { s.widthMbsMinus1 = 0xfffffffeull; }},
-        {"pic_height_in_map_units_minus1", [](SpsFields& s) { s.heightMapUnitsMinus1 = 2048; }},
-        {"frame cropping", [](SpsFields& s) { s.crop = true, s.cropLeft = 100, s.cropRight = 100; }},
-        {"num_units_in_tick", [](SpsFields& s) { s.vui = true, s.timing = true, s.numUnitsInTick = 0; }},
+        {"log2_max_pic_order_cnt_lsb_minus4", [](SpsFields& s) { s.log2MaxPocLsb = 17; }},
+        {"num_ref_frames_in_pic_order_cnt_cycle", [](SpsFields& s) { s.pocType = 1, s.pocCycle.assign(256, 1); }},
+        {"max_num_ref_frames", [](SpsFields& s) { s.maxNumRefFrames = 17; }},
+        {"pic_width_in_mbs_minus1", [](SpsFields& s) { s.widthInMbs = 0xffffffffu; }},
+        {"pic_height_in_map_units_minus1", [](SpsFields& s) { s.heightInMapUnits = 2049; }},
+        {"frame cropping",
+         [](SpsFields& s) {
+             s.cropUnits = {100, 100, 0, 0};
+         }},
+        {"num_units_in_tick", [](SpsFields& s) { s.numUnitsInTick = 0, s.timeScale = 50; }},
     };
     for (const auto& c : cases) {
         SpsFields sps;
@@ -185,24 +138,20 @@ TEST(VideoStreamParserSps, OutOfRangeFieldsAreRejectedWithTheirName)
         EXPECT_NE(p.error.find(c.field), std::string::npos) << c.field << ": " << p.error;
         EXPECT_FALSE(p.meta.isValid()) << c.field;
     }
-    // At the limits, accepted.
-    SpsFields edge;
-    edge.profile = 110;
-    edge.bitDepthLumaMinus8 = 6;
-    edge.log2MaxFrameNumMinus4 = 12;
-    edge.log2MaxPocLsbMinus4 = 12;
-    edge.maxRefFrames = 16;
-    edge.heightMapUnitsMinus1 = 2047;
+    SpsFields edge(110, 11, 2048); // every limit reached, accepted
+    edge.bitDepthLuma = 14;
+    edge.log2MaxFrameNum = 16;
+    edge.log2MaxPocLsb = 16;
+    edge.maxNumRefFrames = 16;
     const auto p = parse(oneIdrPicture(edge));
     EXPECT_TRUE(p.ok) << p.error;
     EXPECT_EQ(p.meta.codedHeight(), 32768);
     EXPECT_EQ(p.meta.bitDepthLuma(), 14);
 
-    // Truncated: every cut of the SPS before its size fails cleanly.
     const Bytes full = spsRbsp(SpsFields());
-    for (std::size_t keep = 1; keep < 6; ++keep) {
+    for (long keep = 1; keep < 6; ++keep) {
         Bytes stream;
-        appendNal(stream, Bytes(full.begin(), full.begin() + static_cast<long>(keep)));
+        appendNal(stream, Bytes(full.begin(), full.begin() + keep));
         const auto cut = parse(stream);
         EXPECT_FALSE(cut.ok) << keep;
         EXPECT_NE(cut.error.find("truncated"), std::string::npos) << cut.error;
@@ -211,80 +160,53 @@ TEST(VideoStreamParserSps, OutOfRangeFieldsAreRejectedWithTheirName)
 
 TEST(VideoStreamParserUnits, AccessUnitsKeyFramesAndByteRanges)
 {
-    SpsFields sps;
-    sps.log2MaxPocLsbMinus4 = 2;
     Bytes stream;
     std::vector<std::uint64_t> starts;
-    auto slice = [&](bool idr, unsigned frame, unsigned poc, unsigned firstMb, int refIdc = 3) {
-        SliceFields s;
-        s.idr = idr;
-        s.frameNum = frame;
-        s.pocLsb = poc;
-        s.firstMb = firstMb;
-        s.nalRefIdc = refIdc;
-        appendNal(stream, sliceRbsp(s), 3);
+    auto add = [&](const Bytes& rbsp, bool startsUnit = false) {
+        if (startsUnit)
+            starts.push_back(stream.size());
+        appendNal(stream, rbsp, 3);
     };
-    // AU 0: AUD, SPS, PPS, SEI, IDR in two slices.
-    starts.push_back(stream.size());
-    appendNal(stream, audRbsp());
-    appendNal(stream, spsRbsp(sps));
-    appendNal(stream, ppsRbsp());
-    appendNal(stream, seiRbsp(false));
-    slice(true, 0, 0, 0);
-    slice(true, 0, 0, 50);
-    // AU 1: a P picture in two slices, no delimiter.
-    starts.push_back(stream.size());
-    slice(false, 1, 4, 0);
-    slice(false, 1, 4, 60);
-    // AU 2: a non-reference picture with the same frame_num: only the POC
-    // and nal_ref_idc tell it apart.
-    starts.push_back(stream.size());
-    slice(false, 2, 2, 0, 0);
-    // AU 3: recovery point SEI before a non-IDR I picture.
-    starts.push_back(stream.size());
-    appendNal(stream, seiRbsp(true));
-    slice(false, 2, 8, 0);
-    // AU 4: a new IDR with another idr_pic_id, right after an IDR-less AU.
-    starts.push_back(stream.size());
-    {
-        SliceFields s;
-        s.idr = true;
-        s.idrPicId = 1;
-        appendNal(stream, sliceRbsp(s));
-    }
-    // AU 5: IDR again, idr_pic_id differs (consecutive IDRs).
-    starts.push_back(stream.size());
-    {
-        SliceFields s;
-        s.idr = true;
-        s.idrPicId = 2;
-        appendNal(stream, sliceRbsp(s));
-    }
-    // Trailing: end of stream NAL stays with the last picture.
-    stream.insert(stream.end(), {0, 0, 1, 0x0b});
+    // 0: delimiter, SPS, PPS, SEI and an IDR in two slices.
+    add({0x09, 0xf0}, true);
+    add(spsRbsp(SpsFields()));
+    add(ppsRbsp());
+    add(seiRbsp(false));
+    add(sliceRbsp(5, 0, 0, 0));
+    add(sliceRbsp(5, 0, 0, 50));
+    // 1: a P picture in two slices, no delimiter.
+    add(sliceRbsp(1, 1, 4, 0), true);
+    add(sliceRbsp(1, 1, 4, 60));
+    // 2: a non-reference picture with the same frame_num: only the POC and
+    // nal_ref_idc tell it apart.
+    add(sliceRbsp(1, 2, 2, 0, 0), true);
+    // 3: a recovery point SEI before a non-IDR picture.
+    add(seiRbsp(true), true);
+    add(sliceRbsp(1, 2, 8));
+    // 4 and 5: IDRs told apart by idr_pic_id alone; end of stream stays with the last.
+    add(sliceRbsp(5, 0, 0, 0, 3, 1), true);
+    add(sliceRbsp(5, 0, 0, 0, 3, 2), true);
+    add({0x0b});
 
     const auto p = parse(stream);
     ASSERT_TRUE(p.ok) << p.error;
-    ASSERT_EQ(p.units.size(), starts.size());
-    for (std::size_t i = 0; i < starts.size(); ++i) {
-        EXPECT_EQ(p.units[i].offset, starts[i]) << i;
-        const std::uint64_t end = i + 1 < starts.size() ? starts[i + 1] : stream.size();
-        EXPECT_EQ(p.units[i].size, end - starts[i]) << i;
+    std::vector<std::uint64_t> offsets;
+    std::string shape;
+    for (std::size_t i = 0; i < p.units.size(); ++i) {
+        const auto& unit = p.units[i];
+        offsets.push_back(unit.offset);
+        EXPECT_EQ(unit.offset + unit.size, i + 1 < p.units.size() ? p.units[i + 1].offset : stream.size()) << i;
+        for (auto type : unit.nalTypes)
+            shape += std::to_string(type) + ",";
+        shape += std::string(unit.idr ? " idr" : "") + (unit.recoveryPoint ? " recovery" : "") +
+                 (unit.keyFrame ? " key" : "") + "; ";
     }
-    EXPECT_EQ(p.units[0].nalTypes, (std::vector<std::uint8_t>{9, 7, 8, 6, 5, 5}));
-    EXPECT_EQ(p.units[1].nalTypes, (std::vector<std::uint8_t>{1, 1}));
-    EXPECT_EQ(p.units[3].nalTypes, (std::vector<std::uint8_t>{6, 1}));
-    EXPECT_EQ(p.units[5].nalTypes, (std::vector<std::uint8_t>{5, 11}));
-    const bool keys[] = {true, false, false, true, true, true};
-    for (std::size_t i = 0; i < starts.size(); ++i)
-        EXPECT_EQ(p.units[i].keyFrame, keys[i]) << i;
-    EXPECT_TRUE(p.units[3].recoveryPoint);
-    EXPECT_FALSE(p.units[3].idr);
+    EXPECT_EQ(offsets, starts);
+    EXPECT_EQ(shape, "9,7,8,6,5,5, idr key; 1,1,; 1,; 6,1, recovery key; 5, idr key; 5,11, idr key; ");
     EXPECT_EQ(p.meta.accessUnitCount(), 6u);
     EXPECT_EQ(p.meta.keyFrameCount(), 4u);
 
-    // Settings: recovery points not counted, units not kept.
-    VideoStreamParserSettings settings;
+    VideoStreamParserSettings settings; // recovery points not counted, units not kept
     settings.recoveryPointIsKeyFrame = false;
     settings.keepAccessUnits = false;
     const auto counted = parse(stream, settings);
@@ -303,9 +225,8 @@ TEST(VideoStreamParserUnits, FailuresAndInputs)
     EXPECT_FALSE(parser.parse(noStartCode.data(), noStartCode.size()));
     EXPECT_NE(parser.errorMessage().find("start code"), std::string::npos) << parser.errorMessage();
 
-    // Leading bytes: an error unless allowed.
-    Bytes leading{0xff, 0xee};
-    const Bytes body = oneIdrPicture(SpsFields());
+    Bytes leading{0xff, 0xee}; // an error unless allowed
+    const Bytes body = oneIdrPicture();
     leading.insert(leading.end(), body.begin(), body.end());
     EXPECT_FALSE(parse(leading).ok);
     VideoStreamParserSettings allow;
@@ -315,24 +236,20 @@ TEST(VideoStreamParserUnits, FailuresAndInputs)
     ASSERT_EQ(lenient.units.size(), 1u);
     EXPECT_EQ(lenient.units[0].offset, 2u);
 
-    // No SPS at all.
     Bytes slicesOnly;
-    appendNal(slicesOnly, sliceRbsp(SliceFields()));
+    appendNal(slicesOnly, sliceRbsp(1));
     const auto noSps = parse(slicesOnly);
     EXPECT_FALSE(noSps.ok);
     EXPECT_NE(noSps.error.find("sequence parameter set"), std::string::npos) << noSps.error;
 
-    // A forbidden_zero_bit.
     Bytes forbidden = body;
     forbidden.insert(forbidden.end(), {0, 0, 1, 0x81, 0x22});
     EXPECT_FALSE(parse(forbidden).ok);
 
-    // Files: a real one and a missing one.
     const std::string dir = freshDirectory("stream-parser");
-    const std::string path = dir + "/picture.264";
-    std::ofstream(path, std::ios::binary)
+    std::ofstream(dir + "/picture.264", std::ios::binary)
         .write(reinterpret_cast<const char*>(body.data()), static_cast<std::streamsize>(body.size()));
-    EXPECT_TRUE(parser.parseFile(path)) << parser.errorMessage();
+    EXPECT_TRUE(parser.parseFile(dir + "/picture.264")) << parser.errorMessage();
     EXPECT_EQ(parser.metadata().displayWidth(), 176);
     EXPECT_EQ(parser.nalUnitCounts()[7], 1u);
     EXPECT_EQ(parser.nalUnitCounts()[5], 1u);
