@@ -60,39 +60,23 @@ SourceFrame patternFrame(GstVideoFormat format, int width, int height)
     return frame;
 }
 
-int planeRowBytes(const GstVideoFrame& frame, int plane)
-{
-    int bytes = 0;
-    for (guint comp = 0; comp < GST_VIDEO_FRAME_N_COMPONENTS(&frame); ++comp)
-        if (static_cast<int>(GST_VIDEO_FRAME_COMP_PLANE(&frame, comp)) == plane)
-            bytes =
-                std::max(bytes, GST_VIDEO_FRAME_COMP_WIDTH(&frame, comp) * GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, comp));
-    return bytes;
-}
-
-int planeRows(const GstVideoFrame& frame, int plane)
-{
-    for (guint comp = 0; comp < GST_VIDEO_FRAME_N_COMPONENTS(&frame); ++comp)
-        if (static_cast<int>(GST_VIDEO_FRAME_COMP_PLANE(&frame, comp)) == plane)
-            return GST_VIDEO_FRAME_COMP_HEIGHT(&frame, comp);
-    return 0;
-}
-
 namespace {
 
-// Copies every plane of `source` row by row into `target` (same format and size).
-void copyPlanes(const GstVideoFrame& source, GstVideoFrame* target)
+// Rows and bytes per row of `plane`, from its first component.
+int firstComponent(const GstVideoFrame& frame, int plane)
 {
-    for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&source); ++plane) {
-        const int rows = planeRows(source, static_cast<int>(plane));
-        const int bytes = planeRowBytes(source, static_cast<int>(plane));
-        for (int row = 0; row < rows; ++row)
-            std::memcpy(static_cast<guint8*>(GST_VIDEO_FRAME_PLANE_DATA(target, plane)) +
-                            row * GST_VIDEO_FRAME_PLANE_STRIDE(target, plane),
-                        static_cast<const guint8*>(GST_VIDEO_FRAME_PLANE_DATA(&source, plane)) +
-                            row * GST_VIDEO_FRAME_PLANE_STRIDE(&source, plane),
-                        static_cast<size_t>(bytes));
-    }
+    gint components[GST_VIDEO_MAX_COMPONENTS];
+    gst_video_format_info_component(frame.info.finfo, static_cast<guint>(plane), components);
+    return components[0];
+}
+int planeRows(const GstVideoFrame& frame, int plane)
+{
+    return GST_VIDEO_FRAME_COMP_HEIGHT(&frame, firstComponent(frame, plane));
+}
+int planeRowBytes(const GstVideoFrame& frame, int plane)
+{
+    const int comp = firstComponent(frame, plane);
+    return GST_VIDEO_FRAME_COMP_WIDTH(&frame, comp) * GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, comp);
 }
 
 } // namespace
@@ -120,7 +104,8 @@ Ref<GstBuffer> paddedCopy(const SourceFrame& frame, int padding)
     GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
     GstVideoFrame target;
     if (gst_video_frame_map(&target, &info, copy.get(), GST_MAP_WRITE)) {
-        copyPlanes(source, &target);
+        if (!gst_video_frame_copy(&target, &source))
+            copy.reset();
         gst_video_frame_unmap(&target);
     } else {
         copy.reset();
@@ -159,15 +144,15 @@ Ref<GstBuffer> dmaBufCopy(const SourceFrame& frame)
     return copy;
 }
 
-::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane,
-                                     int rows, int rowBytes)
+::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane)
 {
     if (!data)
         return ::testing::AssertionFailure() << "plane " << plane << " has no data";
     const auto* expected = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&reference, plane));
     const int expectedStride = GST_VIDEO_FRAME_PLANE_STRIDE(&reference, plane);
-    for (int row = 0; row < rows; ++row)
-        if (std::memcmp(data + row * stride, expected + row * expectedStride, static_cast<size_t>(rowBytes)) != 0)
+    const int bytes = planeRowBytes(reference, plane);
+    for (int row = 0; row < planeRows(reference, plane); ++row)
+        if (std::memcmp(data + row * stride, expected + row * expectedStride, static_cast<size_t>(bytes)) != 0)
             return ::testing::AssertionFailure() << "plane " << plane << " differs in row " << row;
     return ::testing::AssertionSuccess();
 }

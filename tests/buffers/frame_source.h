@@ -50,17 +50,8 @@ Ref<GstBuffer> paddedCopy(const SourceFrame& frame, int padding);
  */
 Ref<GstBuffer> dmaBufCopy(const SourceFrame& frame);
 
-/**
- * Whether `rows` rows of `rowBytes` bytes at `data` (rows `stride` apart)
- * equal plane `plane` of `reference`.
- */
-::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane,
-                                     int rows, int rowBytes);
-
-/** Bytes per row of `plane` in `frame`, from GStreamer's component layout. */
-int planeRowBytes(const GstVideoFrame& frame, int plane);
-/** Rows of `plane` in `frame`, from GStreamer's component layout. */
-int planeRows(const GstVideoFrame& frame, int plane);
+/** Whether the plane at `data` (rows `stride` apart) equals plane `plane` of `reference`. */
+::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane);
 
 /** The reference count of a buffer, as GStreamer keeps it. */
 inline int refCount(GstBuffer* buffer)

@@ -72,9 +72,17 @@ TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayAndMapsDegenerateFractionsToZero)
 {
     const struct {
         std::uint32_t numerator, denominator, expected;
-    } cases[] = {{30000, 1001, 30}, {25, 2, 13}, {15, 1, 15},      {60000, 2002, 30},
-                 {49, 2, 25},       {1, 3, 0},   {0, 1, 0},        {0, 0, 0},
-                 {30, 0, 0} /* infinite */,      {UINT32_MAX, 1, UINT32_MAX}, {UINT32_MAX, UINT32_MAX, 1}};
+    } cases[] = {{30000, 1001, 30},
+                 {25, 2, 13},
+                 {15, 1, 15},
+                 {60000, 2002, 30},
+                 {49, 2, 25},
+                 {1, 3, 0},
+                 {0, 1, 0},
+                 {0, 0, 0},
+                 {30, 0, 0} /* infinite */,
+                 {UINT32_MAX, 1, UINT32_MAX},
+                 {UINT32_MAX, UINT32_MAX, 1}};
     for (const auto& c : cases)
         EXPECT_EQ(frameRateToInteger(c.numerator, c.denominator), c.expected) << c.numerator << "/" << c.denominator;
 }
@@ -112,8 +120,8 @@ TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
         camera.modes = c.modes;
         CameraCapabilityEx found;
         ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, c.wanted, found, Priority(c.priority)));
-        EXPECT_EQ(fieldsOf(found), (std::vector<std::uint32_t>{c.expected.width, c.expected.height,
-                                                               c.expected.frameRate, 1}))
+        EXPECT_EQ(fieldsOf(found),
+                  (std::vector<std::uint32_t>{c.expected.width, c.expected.height, c.expected.frameRate, 1}))
             << "wanted " << c.wanted.width << "x" << c.wanted.height << "@" << c.wanted.frameRate.numerator << "/"
             << c.wanted.frameRate.denominator << ", priority " << c.priority;
     }

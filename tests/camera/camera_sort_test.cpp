@@ -19,7 +19,7 @@ TEST(CameraSort, SortsEveryShapeAndUpToSixteenIsStable)
         for (int shape = 0; shape < 5; ++shape) {
             std::vector<CameraInfo> cameras;
             for (int i = 0; i < n; ++i) {
-                const int facings[] = {static_cast<int>(random() % 7) - 3, // duplicates, negatives
+                const int facings[] = {static_cast<int>(random() % 7) - 3,   // duplicates, negatives
                                        i, n - i, 0, i % 2 == 0 ? i : n - i}; // sorted, reversed, equal, organ pipe
                 cameras.push_back({std::to_string(i), "", "", facings[shape], 0, ""});
             }

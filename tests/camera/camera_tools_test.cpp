@@ -76,8 +76,9 @@ TEST(CamerasTool, ListsTestCamerasByFacingWithPlacementFormatsAndModes)
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(cameras[i]["id"], "lumiflux-test:/test/" + std::to_string(i));
         EXPECT_EQ(cameras[i]["facingName"], expected[i].facing);
-        if (i < 2)
+        if (i < 2) {
             EXPECT_EQ(cameras[i]["mountAngle"], expected[i].mountAngle);
+        }
     }
     EXPECT_EQ(cameras[1]["formats"][1]["format"], "YUV420Planar");
     bool has720p15 = false;

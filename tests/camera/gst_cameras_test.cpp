@@ -371,13 +371,13 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     HotPlugListener listener(manager);
     manager->setListener(&listener);
 
-    GstStructure* properties = gst_structure_new("hotplug-properties", "device.api", G_TYPE_STRING, "hotplug",
-                                                 "device.path", G_TYPE_STRING, "/usb/1", "camera.location",
-                                                 G_TYPE_STRING, "back", nullptr);
+    GstStructure* properties =
+        gst_structure_new("hotplug-properties", "device.api", G_TYPE_STRING, "hotplug", "device.path", G_TYPE_STRING,
+                          "/usb/1", "camera.location", G_TYPE_STRING, "back", nullptr);
     GstCaps* caps = gst_caps_from_string("video/x-raw, format=NV12, width=160, height=120, framerate=30/1");
-    auto* device = static_cast<GstDevice*>(g_object_new(plug_device_get_type(), "display-name", "USB test camera",
-                                                        "device-class", "Video/Source", "caps", caps,
-                                                        "properties", properties, nullptr));
+    auto* device =
+        static_cast<GstDevice*>(g_object_new(plug_device_get_type(), "display-name", "USB test camera", "device-class",
+                                             "Video/Source", "caps", caps, "properties", properties, nullptr));
     gst_caps_unref(caps);
     gst_structure_free(properties);
     gst_object_ref_sink(device);
