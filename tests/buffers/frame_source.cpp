@@ -3,45 +3,15 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include <gst/allocators/gstdmabuf.h>
-#include <gst/app/gstappsink.h>
 
 namespace lumiflux_test {
 
-::testing::AssertionResult pullFrame(const std::string& caps, SourceFrame* out)
+SourceFrame makeFrame(GstVideoFormat format, int width, int height)
 {
     gst_init(nullptr, nullptr);
-    const std::string description =
-        "videotestsrc num-buffers=1 pattern=snow ! capsfilter caps=\"" + caps + "\" ! appsink name=sink sync=false";
-    GError* error = nullptr;
-    Ref<GstElement> pipeline = Ref<GstElement>::adopt(gst_parse_launch(description.c_str(), &error));
-    if (error) {
-        auto result = ::testing::AssertionFailure() << "cannot build '" << description << "': " << error->message;
-        g_error_free(error);
-        return result;
-    }
-    if (!pipeline)
-        return ::testing::AssertionFailure() << "cannot build '" << description << "'";
-    Ref<GstElement> sink = Ref<GstElement>::adopt(gst_bin_get_by_name(GST_BIN(pipeline.get()), "sink"));
-    if (gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-        gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-        return ::testing::AssertionFailure() << "cannot play '" << description << "'";
-    }
-    Ref<GstSample> sample = Ref<GstSample>::adopt(gst_app_sink_pull_sample(GST_APP_SINK(sink.get())));
-    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-    if (!sample)
-        return ::testing::AssertionFailure() << "no frame from '" << description << "'";
-    if (!gst_video_info_from_caps(&out->info, gst_sample_get_caps(sample.get())))
-        return ::testing::AssertionFailure() << "no video information in the caps of '" << description << "'";
-    out->buffer = Ref<GstBuffer>::share(gst_sample_get_buffer(sample.get()));
-    return ::testing::AssertionSuccess();
-}
-
-SourceFrame patternFrame(GstVideoFormat format, int width, int height)
-{
     SourceFrame frame;
     gst_video_info_set_format(&frame.info, format, static_cast<guint>(width), static_cast<guint>(height));
     frame.buffer = Ref<GstBuffer>::adopt(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&frame.info), nullptr));
