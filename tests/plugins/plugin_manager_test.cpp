@@ -60,7 +60,6 @@ std::vector<std::string> paths(const std::vector<Plugin>& plugins)
     std::vector<std::string> result;
     for (const auto& p : plugins)
         result.push_back(p.path);
-    std::sort(result.begin(), result.end());
     return result;
 }
 
@@ -124,11 +123,8 @@ TEST(PluginScanMixed, OnlyRealModulesAreKeptAndEachBadFileIsLoggedOnce)
     for (const auto& entry : fs::directory_iterator(dir))
         if (entry.path().filename() == "valid.so" || entry.path().filename() == "linked-module")
             expectedOrder.push_back(entry.path().string());
-    std::vector<std::string> order;
-    for (const auto& plugin : plugins)
-        order.push_back(plugin.path);
-    EXPECT_EQ(order, expectedOrder);
-    EXPECT_EQ(paths(plugins), (std::vector<std::string>{dir + "/linked-module", dir + "/valid.so"}));
+    ASSERT_EQ(expectedOrder.size(), 2u);
+    EXPECT_EQ(paths(plugins), expectedOrder);
     for (const auto& plugin : plugins) {
         ASSERT_NE(plugin.module, nullptr);
         ASSERT_NE(plugin.handle, nullptr);

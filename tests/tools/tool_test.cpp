@@ -271,32 +271,21 @@ json ffprobe(const std::string& arguments)
 // Two streams from two encoders: x264 (High profile, with the frame rate in
 // its VUI) and openh264 (Constrained Baseline, no timing information), both
 // at 330x250, which needs cropping from the coded 336x256.
-struct GeneratedStream {
-    std::string name;
-    std::string command; ///< writes the stream to the path appended
-};
-
-std::vector<GeneratedStream> generatedStreams(const std::string& dir)
-{
-    const std::string raw = dir + "/raw.y4m";
-    return {
-        {"x264", "gst-launch-1.0 -q videotestsrc num-buffers=50 pattern=ball ! "
-                 "video/x-raw,format=I420,width=330,height=250,framerate=25/1 ! y4menc ! filesink location=" +
-                     raw + " && x264 --quiet --keyint 12 --fps 25 " + raw + " -o "},
-        {"openh264", "gst-launch-1.0 -q videotestsrc num-buffers=50 pattern=ball ! "
-                     "video/x-raw,width=330,height=250,framerate=25/1 ! openh264enc gop-size=10 ! h264parse ! "
-                     "video/x-h264,stream-format=byte-stream ! filesink location="},
-    };
-}
-
 TEST(Probe, MatchesFfprobeOnGeneratedStreams)
 {
     const std::string dir = lumiflux_test::freshDirectory("probe");
-    for (const GeneratedStream& generated : generatedStreams(dir)) {
-        SCOPED_TRACE(generated.name);
-        const std::string stream = dir + "/" + generated.name + ".h264";
+    const std::string raw = dir + "/raw.y4m", source = "gst-launch-1.0 -q videotestsrc num-buffers=50 pattern=ball ! ";
+    for (auto [name, command] :
+         {std::pair{"x264", source +
+                                "video/x-raw,format=I420,width=330,height=250,framerate=25/1 ! y4menc ! "
+                                "filesink location=" +
+                                raw + " && x264 --quiet --keyint 12 --fps 25 " + raw + " -o "},
+          {"openh264", source + "video/x-raw,width=330,height=250,framerate=25/1 ! openh264enc gop-size=10 ! "
+                                "h264parse ! video/x-h264,stream-format=byte-stream ! filesink location="}}) {
+        SCOPED_TRACE(name);
+        const std::string stream = dir + "/" + name + ".h264";
         std::string log;
-        ASSERT_EQ(lumiflux_test::runCommand(generated.command + stream + " 2>&1", &log), 0)
+        ASSERT_EQ(lumiflux_test::runCommand(command + stream + " 2>&1", &log), 0)
             << "(gst-launch-1.0, x264 and openh264enc come with scripts/install-deps) " << log;
 
         const json reference = ffprobe(
@@ -326,7 +315,7 @@ TEST(Probe, MatchesFfprobeOnGeneratedStreams)
         EXPECT_EQ(ours["keyFrames"], refKeys);
         // Without timing information in the stream ffprobe assumes a rate;
         // the stream only carries one where the encoder wrote it.
-        if (generated.name == "x264")
+        if (std::string(name) == "x264")
             EXPECT_EQ(std::to_string(ours["frameRateNumerator"].get<int>()) + "/" +
                           std::to_string(ours["frameRateDenominator"].get<int>()),
                       ref["r_frame_rate"]);
