@@ -46,36 +46,30 @@ CameraManager* loadCameraPlugin(const std::string& name)
     return LumifluxManager();
 }
 
-// Collects what a camera delivers. Frames are kept, so their pixels can be
-// checked after capture has stopped.
-class CollectingListener : public CameraListener {
+// Records what a camera delivers (frames are kept, so their pixels can be
+// checked after capture has stopped) and, as the application's manager
+// listener, hot-plug events with whether the camera was listed at the call.
+class Recorder : public CameraListener, public CameraManagerListener {
 public:
-    void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        frames.push_back(frame);
-        threads.push_back(std::this_thread::get_id());
-        changed.notify_all();
-    }
-    void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        pictures.push_back(picture);
-    }
-    void onError(const std::string& message) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        errors.push_back(message);
-    }
-    void onCaptureEnded() override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ended.push_back(std::this_thread::get_id());
-    }
+    struct Event {
+        std::string kind, id;
+        std::thread::id thread;
+        bool listedAtCallback;
+    };
+    void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override { add(frames, frame, true); }
+    void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override { add(pictures, picture); }
+    void onError(const std::string& message) override { add(errors, message); }
+    void onCaptureEnded() override { add(ended, std::this_thread::get_id()); }
+    void onCameraAdded(const std::string& id) override { hotPlug("added", id); }
+    void onCameraRemoved(const std::string& id) override { hotPlug("removed", id); }
+
     bool waitForFrames(size_t count)
     {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, 20s, [&] { return frames.size() >= count; });
+        return waitFor([&] { return frames.size() >= count; });
+    }
+    bool waitForEvents(size_t count)
+    {
+        return waitFor([&] { return events.size() >= count; });
     }
     size_t frameCount()
     {
@@ -83,13 +77,37 @@ public:
         return frames.size();
     }
 
+    CameraManager* manager = nullptr;
     std::mutex mutex;
     std::condition_variable changed;
-    std::vector<std::shared_ptr<GraphicBuffer>> frames;
-    std::vector<std::thread::id> threads;
-    std::vector<std::shared_ptr<GraphicBuffer>> pictures;
+    std::vector<std::shared_ptr<GraphicBuffer>> frames, pictures;
+    std::vector<std::thread::id> frameThreads, ended;
     std::vector<std::string> errors;
-    std::vector<std::thread::id> ended;
+    std::vector<Event> events;
+
+private:
+    template <typename T, typename V> void add(std::vector<T>& list, V value, bool frame = false)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        list.push_back(std::move(value));
+        if (frame)
+            frameThreads.push_back(std::this_thread::get_id());
+        changed.notify_all();
+    }
+    template <typename Predicate> bool waitFor(Predicate done)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, 20s, done);
+    }
+    void hotPlug(const char* kind, const std::string& id)
+    {
+        // The root refreshed its list before calling: the change is visible here.
+        bool listed = false;
+        CameraInfo info;
+        for (unsigned i = 0; manager->getCameraInfo(i, info); ++i)
+            listed = listed || info.id == id;
+        add(events, Event{kind, id, std::this_thread::get_id(), listed});
+    }
 };
 
 // Every sampled pixel of the frame has these Y, Cb and Cr values (the test
@@ -131,7 +149,7 @@ TEST_F(GstCamerasCapture, Nv12FramesOfAKnownPatternAtTheRequestedSizeAndRate)
 {
     auto camera = manager->openCamera(cameras[0].id);
     ASSERT_NE(camera, nullptr);
-    CollectingListener listener;
+    Recorder listener;
     camera->setListener(&listener);
     ASSERT_TRUE(camera->setParameter("pattern", "white"));
     std::string value;
@@ -157,7 +175,7 @@ TEST_F(GstCamerasCapture, Nv12FramesOfAKnownPatternAtTheRequestedSizeAndRate)
     EXPECT_TRUE(listener.errors.empty());
     ASSERT_EQ(listener.ended.size(), 1u);
     EXPECT_EQ(listener.ended[0], std::this_thread::get_id()) << "stopCapture reports the end on its own thread";
-    EXPECT_NE(listener.threads[0], std::this_thread::get_id());
+    EXPECT_NE(listener.frameThreads[0], std::this_thread::get_id());
     ASSERT_EQ(listener.pictures.size(), 1u);
     EXPECT_NE(std::find(listener.frames.begin(), listener.frames.end(), listener.pictures[0]), listener.frames.end());
     for (const auto& frame : listener.frames) {
@@ -192,7 +210,7 @@ TEST_F(GstCamerasCapture, TwoCamerasAtOnceI420AndARestartInAnotherMode)
     auto back = manager->openCamera(cameras[1].id);
     ASSERT_NE(front, nullptr);
     ASSERT_NE(back, nullptr);
-    CollectingListener frontFrames, backFrames;
+    Recorder frontFrames, backFrames;
     front->setListener(&frontFrames);
     back->setListener(&backFrames);
     ASSERT_TRUE(front->setParameter("pattern", "white"));
@@ -239,7 +257,7 @@ TEST_F(GstCamerasCapture, RefusedRequestsAndDestroyingACapturingCamera)
     EXPECT_FALSE(camera->startCapture(CameraCapability{0, 240, 30}, PixelFormat::YUV420SemiPlanar));
     EXPECT_FALSE(camera->isCapturing());
 
-    CollectingListener listener;
+    Recorder listener;
     camera->setListener(&listener);
     ASSERT_TRUE(camera->startCapture(CameraCapability{320, 240, 60}, PixelFormat::YUV420SemiPlanar));
     ASSERT_TRUE(listener.waitForFrames(2));
@@ -318,41 +336,6 @@ void plug_provider_class_init(PlugProviderClass* klass)
                                                   "Devices the test plugs in and out", "lumiflux tests");
 }
 
-class HotPlugListener : public CameraManagerListener {
-public:
-    explicit HotPlugListener(CameraManager* m) : manager(m) {}
-    void onCameraAdded(const std::string& id) override { record("added", id); }
-    void onCameraRemoved(const std::string& id) override { record("removed", id); }
-
-    struct Event {
-        std::string kind, id;
-        std::thread::id thread;
-        bool listedAtCallback;
-    };
-    bool waitFor(size_t count)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, 10s, [&] { return events.size() >= count; });
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Event> events;
-
-private:
-    void record(const char* kind, const std::string& id)
-    {
-        // The root refreshed its list before calling: the change is visible here.
-        bool listed = false;
-        CameraInfo info;
-        for (unsigned i = 0; manager->getCameraInfo(i, info); ++i)
-            listed = listed || info.id == id;
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back({kind, id, std::this_thread::get_id(), listed});
-        changed.notify_all();
-    }
-    CameraManager* manager;
-};
-
 TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
 {
     gst_init(nullptr, nullptr);
@@ -368,7 +351,8 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     CameraManager* manager = loadCameraPlugin("gst-hotplug");
     const int before = manager->getNumberOfCameras();
     ASSERT_NE(provider(), nullptr) << "the plug-in's monitor did not start our provider";
-    HotPlugListener listener(manager);
+    Recorder listener;
+    listener.manager = manager;
     manager->setListener(&listener);
 
     GstStructure* properties =
@@ -386,7 +370,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
         pluggingThread = std::this_thread::get_id();
         gst_device_provider_device_add(provider(), device);
     }).join();
-    ASSERT_TRUE(listener.waitFor(1));
+    ASSERT_TRUE(listener.waitForEvents(1));
     {
         std::lock_guard<std::mutex> lock(listener.mutex);
         EXPECT_EQ(listener.events[0].kind, "added");
@@ -408,13 +392,12 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     ASSERT_TRUE(camera->getInfo(info));
     EXPECT_EQ(info.facing, CameraFacing::Back);
     EXPECT_EQ(info.name, "USB test camera");
-    CollectingListener frames;
-    camera->setListener(&frames);
+    camera->setListener(&listener);
     ASSERT_TRUE(camera->startCapture(modes[0], PixelFormat::YUV420SemiPlanar));
-    ASSERT_TRUE(frames.waitForFrames(3));
+    ASSERT_TRUE(listener.waitForFrames(3));
     {
-        std::lock_guard<std::mutex> lock(frames.mutex);
-        auto view = frames.frames.back()->mapYCbCr();
+        std::lock_guard<std::mutex> lock(listener.mutex);
+        auto view = listener.frames.back()->mapYCbCr();
         ASSERT_NE(view, nullptr);
         EXPECT_EQ(view->width, 160);
         EXPECT_EQ(view->y[0], 16); // black
@@ -422,7 +405,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
 
     // Unplugged while capturing: the list drops it before the application hears.
     std::thread([&] { gst_device_provider_device_remove(provider(), device); }).join();
-    ASSERT_TRUE(listener.waitFor(2));
+    ASSERT_TRUE(listener.waitForEvents(2));
     {
         std::lock_guard<std::mutex> lock(listener.mutex);
         EXPECT_EQ(listener.events[1].kind, "removed");
