@@ -199,7 +199,6 @@ TEST(Play, FramesLimitTrackChoiceAndSeek)
     EXPECT_LT(done[0]["frames"].get<int>(), 40);
 
     // The German audio track by id, found in the track list.
-    records = toolJson("play " LUMIFLUX_STAGED_SAMPLE " --mute --frames 1", &status);
     int german = -1;
     int video = -1;
     for (const json& media : events(records, "mediaInfo"))
