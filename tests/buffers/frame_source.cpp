@@ -88,30 +88,22 @@ Ref<GstBuffer> dmaBufCopy(const SourceFrame& frame)
 {
     const gsize size = gst_buffer_get_size(frame.buffer.get());
     const int fd = memfd_create("lumiflux-test-frame", MFD_CLOEXEC);
-    if (fd < 0)
-        return {};
-    if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
-        close(fd);
+    if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        if (fd >= 0)
+            close(fd);
         return {};
     }
     Ref<GstAllocator> allocator = Ref<GstAllocator>::adopt(gst_dmabuf_allocator_new());
-    // The memory takes over the descriptor.
-    GstMemory* memory = gst_dmabuf_allocator_alloc(allocator.get(), fd, size);
     Ref<GstBuffer> copy = Ref<GstBuffer>::adopt(gst_buffer_new());
-    gst_buffer_append_memory(copy.get(), memory);
-    GstMapInfo source, target;
+    // The memory takes over the descriptor.
+    gst_buffer_append_memory(copy.get(), gst_dmabuf_allocator_alloc(allocator.get(), fd, size));
+    GstMapInfo source;
     if (!gst_buffer_map(frame.buffer.get(), &source, GST_MAP_READ))
         return {};
-    if (gst_buffer_map(copy.get(), &target, GST_MAP_WRITE)) {
-        std::memcpy(target.data, source.data, size);
-        gst_buffer_unmap(copy.get(), &target);
-    } else {
-        copy.reset();
-    }
+    const gsize written = gst_buffer_fill(copy.get(), 0, source.data, size);
     gst_buffer_unmap(frame.buffer.get(), &source);
-    if (copy)
-        GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
-    return copy;
+    GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
+    return written == size ? copy : Ref<GstBuffer>{};
 }
 
 ::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane)
