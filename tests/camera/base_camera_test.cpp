@@ -68,7 +68,7 @@ std::vector<std::uint32_t> fieldsOf(const CameraCapabilityEx& c)
     return {c.width, c.height, c.frameRate.numerator, c.frameRate.denominator};
 }
 
-TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayAndMapsDegenerateFractionsToZero)
+TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayMapsDegenerateFractionsToZeroAndStartsCaptureWithIt)
 {
     const struct {
         std::uint32_t numerator, denominator, expected;
@@ -85,6 +85,17 @@ TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayAndMapsDegenerateFractionsToZero)
                  {UINT32_MAX, UINT32_MAX, 1}};
     for (const auto& c : cases)
         EXPECT_EQ(frameRateToInteger(c.numerator, c.denominator), c.expected) << c.numerator << "/" << c.denominator;
+
+    // Starting with an exact rate starts the plug-in with the rounded one.
+    ScriptedCamera camera;
+    ASSERT_TRUE(camera.startCapture(wantedOf(1920, 1080, 30000, 1001), PixelFormat::YUV420Planar));
+    ASSERT_TRUE(camera.startCapture(wantedOf(640, 480, 0, 1), kNv12));
+    ASSERT_EQ(camera.started.size(), 2u);
+    const CameraCapability& first = camera.started[0].first;
+    EXPECT_EQ((std::vector<std::uint32_t>{first.width, first.height, first.frameRate}),
+              (std::vector<std::uint32_t>{1920, 1080, 30}));
+    EXPECT_EQ(camera.started[0].second, PixelFormat::YUV420Planar);
+    EXPECT_EQ(camera.started[1].first.frameRate, 0u);
 }
 
 TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
@@ -165,19 +176,6 @@ TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
               (std::vector<std::uint32_t>{320, 640, 0, 240, 480, 0, 0, 1, 30, 1, 0, 1}));
     camera.modes.clear();
     EXPECT_FALSE(camera.queryCapabilityRanges(kNv12, r));
-}
-
-TEST(BaseCameraCapture, ExactRateStartPassesTheRoundedRate)
-{
-    ScriptedCamera camera;
-    ASSERT_TRUE(camera.startCapture(wantedOf(1920, 1080, 30000, 1001), PixelFormat::YUV420Planar));
-    ASSERT_TRUE(camera.startCapture(wantedOf(640, 480, 0, 1), kNv12));
-    ASSERT_EQ(camera.started.size(), 2u);
-    const CameraCapability& first = camera.started[0].first;
-    EXPECT_EQ((std::vector<std::uint32_t>{first.width, first.height, first.frameRate}),
-              (std::vector<std::uint32_t>{1920, 1080, 30}));
-    EXPECT_EQ(camera.started[0].second, PixelFormat::YUV420Planar);
-    EXPECT_EQ(camera.started[1].first.frameRate, 0u);
 }
 
 // A manager whose cameras are ScriptedCameras; counts how often it opens one.
