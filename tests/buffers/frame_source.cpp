@@ -3,45 +3,15 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include <gst/allocators/gstdmabuf.h>
-#include <gst/app/gstappsink.h>
 
 namespace lumiflux_test {
 
-::testing::AssertionResult pullFrame(const std::string& caps, SourceFrame* out)
+SourceFrame makeFrame(GstVideoFormat format, int width, int height)
 {
     gst_init(nullptr, nullptr);
-    const std::string description =
-        "videotestsrc num-buffers=1 pattern=snow ! capsfilter caps=\"" + caps + "\" ! appsink name=sink sync=false";
-    GError* error = nullptr;
-    Ref<GstElement> pipeline = Ref<GstElement>::adopt(gst_parse_launch(description.c_str(), &error));
-    if (error) {
-        auto result = ::testing::AssertionFailure() << "cannot build '" << description << "': " << error->message;
-        g_error_free(error);
-        return result;
-    }
-    if (!pipeline)
-        return ::testing::AssertionFailure() << "cannot build '" << description << "'";
-    Ref<GstElement> sink = Ref<GstElement>::adopt(gst_bin_get_by_name(GST_BIN(pipeline.get()), "sink"));
-    if (gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-        gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-        return ::testing::AssertionFailure() << "cannot play '" << description << "'";
-    }
-    Ref<GstSample> sample = Ref<GstSample>::adopt(gst_app_sink_pull_sample(GST_APP_SINK(sink.get())));
-    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
-    if (!sample)
-        return ::testing::AssertionFailure() << "no frame from '" << description << "'";
-    if (!gst_video_info_from_caps(&out->info, gst_sample_get_caps(sample.get())))
-        return ::testing::AssertionFailure() << "no video information in the caps of '" << description << "'";
-    out->buffer = Ref<GstBuffer>::share(gst_sample_get_buffer(sample.get()));
-    return ::testing::AssertionSuccess();
-}
-
-SourceFrame patternFrame(GstVideoFormat format, int width, int height)
-{
     SourceFrame frame;
     gst_video_info_set_format(&frame.info, format, static_cast<guint>(width), static_cast<guint>(height));
     frame.buffer = Ref<GstBuffer>::adopt(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&frame.info), nullptr));
@@ -60,39 +30,23 @@ SourceFrame patternFrame(GstVideoFormat format, int width, int height)
     return frame;
 }
 
-int planeRowBytes(const GstVideoFrame& frame, int plane)
-{
-    int bytes = 0;
-    for (guint comp = 0; comp < GST_VIDEO_FRAME_N_COMPONENTS(&frame); ++comp)
-        if (static_cast<int>(GST_VIDEO_FRAME_COMP_PLANE(&frame, comp)) == plane)
-            bytes =
-                std::max(bytes, GST_VIDEO_FRAME_COMP_WIDTH(&frame, comp) * GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, comp));
-    return bytes;
-}
-
-int planeRows(const GstVideoFrame& frame, int plane)
-{
-    for (guint comp = 0; comp < GST_VIDEO_FRAME_N_COMPONENTS(&frame); ++comp)
-        if (static_cast<int>(GST_VIDEO_FRAME_COMP_PLANE(&frame, comp)) == plane)
-            return GST_VIDEO_FRAME_COMP_HEIGHT(&frame, comp);
-    return 0;
-}
-
 namespace {
 
-// Copies every plane of `source` row by row into `target` (same format and size).
-void copyPlanes(const GstVideoFrame& source, GstVideoFrame* target)
+// Rows and bytes per row of `plane`, from its first component.
+int firstComponent(const GstVideoFrame& frame, int plane)
 {
-    for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&source); ++plane) {
-        const int rows = planeRows(source, static_cast<int>(plane));
-        const int bytes = planeRowBytes(source, static_cast<int>(plane));
-        for (int row = 0; row < rows; ++row)
-            std::memcpy(static_cast<guint8*>(GST_VIDEO_FRAME_PLANE_DATA(target, plane)) +
-                            row * GST_VIDEO_FRAME_PLANE_STRIDE(target, plane),
-                        static_cast<const guint8*>(GST_VIDEO_FRAME_PLANE_DATA(&source, plane)) +
-                            row * GST_VIDEO_FRAME_PLANE_STRIDE(&source, plane),
-                        static_cast<size_t>(bytes));
-    }
+    gint components[GST_VIDEO_MAX_COMPONENTS];
+    gst_video_format_info_component(frame.info.finfo, static_cast<guint>(plane), components);
+    return components[0];
+}
+int planeRows(const GstVideoFrame& frame, int plane)
+{
+    return GST_VIDEO_FRAME_COMP_HEIGHT(&frame, firstComponent(frame, plane));
+}
+int planeRowBytes(const GstVideoFrame& frame, int plane)
+{
+    const int comp = firstComponent(frame, plane);
+    return GST_VIDEO_FRAME_COMP_WIDTH(&frame, comp) * GST_VIDEO_FRAME_COMP_PSTRIDE(&frame, comp);
 }
 
 } // namespace
@@ -120,7 +74,8 @@ Ref<GstBuffer> paddedCopy(const SourceFrame& frame, int padding)
     GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
     GstVideoFrame target;
     if (gst_video_frame_map(&target, &info, copy.get(), GST_MAP_WRITE)) {
-        copyPlanes(source, &target);
+        if (!gst_video_frame_copy(&target, &source))
+            copy.reset();
         gst_video_frame_unmap(&target);
     } else {
         copy.reset();
@@ -133,41 +88,33 @@ Ref<GstBuffer> dmaBufCopy(const SourceFrame& frame)
 {
     const gsize size = gst_buffer_get_size(frame.buffer.get());
     const int fd = memfd_create("lumiflux-test-frame", MFD_CLOEXEC);
-    if (fd < 0)
-        return {};
-    if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
-        close(fd);
+    if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        if (fd >= 0)
+            close(fd);
         return {};
     }
     Ref<GstAllocator> allocator = Ref<GstAllocator>::adopt(gst_dmabuf_allocator_new());
-    // The memory takes over the descriptor.
-    GstMemory* memory = gst_dmabuf_allocator_alloc(allocator.get(), fd, size);
     Ref<GstBuffer> copy = Ref<GstBuffer>::adopt(gst_buffer_new());
-    gst_buffer_append_memory(copy.get(), memory);
-    GstMapInfo source, target;
+    // The memory takes over the descriptor.
+    gst_buffer_append_memory(copy.get(), gst_dmabuf_allocator_alloc(allocator.get(), fd, size));
+    GstMapInfo source;
     if (!gst_buffer_map(frame.buffer.get(), &source, GST_MAP_READ))
         return {};
-    if (gst_buffer_map(copy.get(), &target, GST_MAP_WRITE)) {
-        std::memcpy(target.data, source.data, size);
-        gst_buffer_unmap(copy.get(), &target);
-    } else {
-        copy.reset();
-    }
+    const gsize written = gst_buffer_fill(copy.get(), 0, source.data, size);
     gst_buffer_unmap(frame.buffer.get(), &source);
-    if (copy)
-        GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
-    return copy;
+    GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
+    return written == size ? copy : Ref<GstBuffer>{};
 }
 
-::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane,
-                                     int rows, int rowBytes)
+::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane)
 {
     if (!data)
         return ::testing::AssertionFailure() << "plane " << plane << " has no data";
     const auto* expected = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&reference, plane));
     const int expectedStride = GST_VIDEO_FRAME_PLANE_STRIDE(&reference, plane);
-    for (int row = 0; row < rows; ++row)
-        if (std::memcmp(data + row * stride, expected + row * expectedStride, static_cast<size_t>(rowBytes)) != 0)
+    const int bytes = planeRowBytes(reference, plane);
+    for (int row = 0; row < planeRows(reference, plane); ++row)
+        if (std::memcmp(data + row * stride, expected + row * expectedStride, static_cast<size_t>(bytes)) != 0)
             return ::testing::AssertionFailure() << "plane " << plane << " differs in row " << row;
     return ::testing::AssertionSuccess();
 }

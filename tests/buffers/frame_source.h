@@ -1,11 +1,10 @@
 #pragma once
 
-// Real frames for the buffer tests: pulled from GStreamer pipelines, then
-// repacked where a test needs a layout no source produces (padded strides,
-// DMA-buf memory).
+// Frames for the buffer tests: GStreamer buffers of pseudo-random pixels in
+// the layout GStreamer gives a format and size, and copies of them in layouts
+// no ordinary source produces (padded strides, DMA-buf memory).
 
 #include <cstdint>
-#include <string>
 
 #include <gst/gst.h>
 #include <gst/video/video.h>
@@ -17,25 +16,14 @@ namespace lumiflux_test {
 
 using Tevara::Lumiflux::Internal::Ref;
 
-/** One frame and the video information of its caps. */
+/** One frame and its video information. */
 struct SourceFrame {
     Ref<GstBuffer> buffer;
     GstVideoInfo info;
 };
 
-/**
- * Runs videotestsrc (random pixels) ! capsfilter caps=`caps` ! appsink and
- * takes its first frame. Fails, never skips, when the pipeline cannot run.
- */
-::testing::AssertionResult pullFrame(const std::string& caps, SourceFrame* out);
-
-/**
- * A frame of pseudo-random pixels in a plain GStreamer buffer, made without a
- * pipeline. For the ThreadSanitizer scenario: pipeline teardown is
- * synchronised inside GStreamer through GLib's futex-based locks, which the
- * sanitizer cannot see, and reported in frames that carry no symbols.
- */
-SourceFrame patternFrame(GstVideoFormat format, int width, int height);
+/** A frame of pseudo-random pixels, presentation time one second. */
+SourceFrame makeFrame(GstVideoFormat format, int width, int height);
 
 /**
  * A copy of `frame` in a fresh buffer whose rows are `padding` bytes longer
@@ -44,23 +32,29 @@ SourceFrame patternFrame(GstVideoFormat format, int width, int height);
  */
 Ref<GstBuffer> paddedCopy(const SourceFrame& frame, int padding);
 
-/**
- * A copy of `frame` in DMA-buf memory over a memfd (no video meta), with the
- * same presentation time.
- */
+/** A copy of `frame` in DMA-buf memory over a memfd (no video meta), same presentation time. */
 Ref<GstBuffer> dmaBufCopy(const SourceFrame& frame);
 
-/**
- * Whether `rows` rows of `rowBytes` bytes at `data` (rows `stride` apart)
- * equal plane `plane` of `reference`.
- */
-::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane,
-                                     int rows, int rowBytes);
+/** GStreamer's own mapping of a buffer, as the oracle for what a view shows. */
+struct Reference {
+    Reference(GstBuffer* buffer, const GstVideoInfo& videoInfo) : info(videoInfo)
+    {
+        mapped = gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ);
+    }
+    ~Reference()
+    {
+        if (mapped)
+            gst_video_frame_unmap(&frame);
+    }
+    Reference(const Reference&) = delete;
+    Reference& operator=(const Reference&) = delete;
+    GstVideoInfo info;
+    GstVideoFrame frame;
+    bool mapped = false;
+};
 
-/** Bytes per row of `plane` in `frame`, from GStreamer's component layout. */
-int planeRowBytes(const GstVideoFrame& frame, int plane);
-/** Rows of `plane` in `frame`, from GStreamer's component layout. */
-int planeRows(const GstVideoFrame& frame, int plane);
+/** Whether the plane at `data` (rows `stride` apart) equals plane `plane` of `reference`. */
+::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane);
 
 /** The reference count of a buffer, as GStreamer keeps it. */
 inline int refCount(GstBuffer* buffer)

@@ -11,6 +11,8 @@ namespace {
 
 using namespace Tevara::Lumiflux;
 using Internal::frameRateToInteger;
+using Priority = CameraCapabilityPriority;
+constexpr PixelFormat kNv12 = PixelFormat::YUV420SemiPlanar;
 
 class ScriptedCamera : public Internal::BaseCamera {
 public:
@@ -60,174 +62,127 @@ CameraCapabilityEx wantedOf(std::uint32_t w, std::uint32_t h, std::uint32_t num,
     return wanted;
 }
 
-::testing::AssertionResult isMode(const CameraCapabilityEx& found, std::uint32_t w, std::uint32_t h, std::uint32_t fps)
+// width, height, numerator, denominator
+std::vector<std::uint32_t> fieldsOf(const CameraCapabilityEx& c)
 {
-    if (found.width == w && found.height == h && found.frameRate.numerator == fps && found.frameRate.denominator == 1)
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << found.width << "x" << found.height << "@" << found.frameRate.numerator
-                                         << "/" << found.frameRate.denominator << " instead of " << w << "x" << h << "@"
-                                         << fps << "/1";
+    return {c.width, c.height, c.frameRate.numerator, c.frameRate.denominator};
 }
 
-TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayAndMapsDegenerateFractionsToZero)
+TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayMapsDegenerateFractionsToZeroAndStartsCaptureWithIt)
 {
-    EXPECT_EQ(frameRateToInteger(30000, 1001), 30u);
-    EXPECT_EQ(frameRateToInteger(25, 2), 13u); // 12.5 rounds away from zero
-    EXPECT_EQ(frameRateToInteger(15, 1), 15u);
-    EXPECT_EQ(frameRateToInteger(60000, 2002), 30u);
-    EXPECT_EQ(frameRateToInteger(49, 2), 25u); // 24.5
-    EXPECT_EQ(frameRateToInteger(1, 3), 0u);   // 0.33
-    EXPECT_EQ(frameRateToInteger(0, 1), 0u);
-    EXPECT_EQ(frameRateToInteger(0, 0), 0u);
-    EXPECT_EQ(frameRateToInteger(30, 0), 0u); // infinite, converted to 0
-    EXPECT_EQ(frameRateToInteger(UINT32_MAX, 1), UINT32_MAX);
-    EXPECT_EQ(frameRateToInteger(UINT32_MAX, UINT32_MAX), 1u);
-}
+    const struct {
+        std::uint32_t numerator, denominator, expected;
+    } cases[] = {{30000, 1001, 30},
+                 {25, 2, 13},
+                 {15, 1, 15},
+                 {60000, 2002, 30},
+                 {49, 2, 25},
+                 {1, 3, 0},
+                 {0, 1, 0},
+                 {0, 0, 0},
+                 {30, 0, 0} /* infinite */,
+                 {UINT32_MAX, 1, UINT32_MAX},
+                 {UINT32_MAX, UINT32_MAX, 1}};
+    for (const auto& c : cases)
+        EXPECT_EQ(frameRateToInteger(c.numerator, c.denominator), c.expected) << c.numerator << "/" << c.denominator;
 
-TEST(BaseCameraClosest, EachPriorityNarrowsInItsOwnOrder)
-{
+    // Starting with an exact rate starts the plug-in with the rounded one.
     ScriptedCamera camera;
-    camera.modes = {{1280, 720, 15}, {1280, 960, 30}, {1920, 1080, 30}, {640, 720, 30}};
-    CameraCapabilityEx found;
-
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::YUV420SemiPlanar, wantedOf(1280, 720, 30), found,
-                                             CameraCapabilityPriority::WidthHeightFrameRate));
-    EXPECT_TRUE(isMode(found, 1280, 720, 15)); // width keeps the 1280s, height then 720
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::YUV420SemiPlanar, wantedOf(1280, 720, 30), found,
-                                             CameraCapabilityPriority::HeightWidthFrameRate));
-    EXPECT_TRUE(isMode(found, 1280, 720, 15)); // height 720: 1280x720 and 640x720, width then 1280
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::YUV420SemiPlanar, wantedOf(1280, 720, 30), found,
-                                             CameraCapabilityPriority::FrameRateWidthHeight));
-    EXPECT_TRUE(isMode(found, 1280, 960, 30)); // rate 30, then width 1280, then 960
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::YUV420SemiPlanar, wantedOf(1280, 720, 30), found,
-                                             CameraCapabilityPriority::FrameRateHeightWidth));
-    EXPECT_TRUE(isMode(found, 640, 720, 30)); // rate 30, then height 720
+    ASSERT_TRUE(camera.startCapture(wantedOf(1920, 1080, 30000, 1001), PixelFormat::YUV420Planar));
+    ASSERT_TRUE(camera.startCapture(wantedOf(640, 480, 0, 1), kNv12));
+    ASSERT_EQ(camera.started.size(), 2u);
+    const CameraCapability& first = camera.started[0].first;
+    EXPECT_EQ((std::vector<std::uint32_t>{first.width, first.height, first.frameRate}),
+              (std::vector<std::uint32_t>{1920, 1080, 30}));
+    EXPECT_EQ(camera.started[0].second, PixelFormat::YUV420Planar);
+    EXPECT_EQ(camera.started[1].first.frameRate, 0u);
 }
 
-TEST(BaseCameraClosest, TiesGoToTheFirstListedAndDistancesAreSymmetric)
+TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
 {
-    ScriptedCamera camera;
-    // 600 and 680 are both 40 from 640: the first listed wins.
-    camera.modes = {{680, 480, 30}, {600, 480, 30}, {680, 480, 30}};
-    CameraCapabilityEx found;
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(640, 480, 30), found,
-                                             CameraCapabilityPriority::WidthHeightFrameRate));
-    EXPECT_TRUE(isMode(found, 680, 480, 30));
-
-    camera.modes = {{600, 480, 30}, {680, 480, 30}};
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(640, 480, 30), found,
-                                             CameraCapabilityPriority::WidthHeightFrameRate));
-    EXPECT_TRUE(isMode(found, 600, 480, 30));
-}
-
-TEST(BaseCameraClosest, ExactRatesAreRoundedBeforeMatching)
-{
-    ScriptedCamera camera;
-    camera.modes = {{640, 480, 60}, {640, 480, 30}, {640, 480, 0}, {640, 480, 24}};
-    CameraCapabilityEx found;
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(640, 480, 30000, 1001), found,
-                                             CameraCapabilityPriority::FrameRateWidthHeight));
-    EXPECT_TRUE(isMode(found, 640, 480, 30));
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(640, 480, 0, 1), found,
-                                             CameraCapabilityPriority::FrameRateWidthHeight));
-    EXPECT_TRUE(isMode(found, 640, 480, 0));
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(640, 480, 24000, 1001), found,
-                                             CameraCapabilityPriority::FrameRateWidthHeight));
-    EXPECT_TRUE(isMode(found, 640, 480, 24));
-}
-
-TEST(BaseCameraClosest, UnknownPriorityTakesTheFirstModeAndNoModesLeaveFoundAlone)
-{
-    ScriptedCamera camera;
-    camera.modes = {{320, 240, 5}, {1280, 720, 30}};
-    CameraCapabilityEx found;
-    for (int priority : {7, -1, 4}) {
-        ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1280, 720, 30), found,
-                                                 static_cast<CameraCapabilityPriority>(priority)));
-        EXPECT_TRUE(isMode(found, 320, 240, 5)) << "priority " << priority;
+    const std::vector<CameraCapability> mixed = {{1280, 720, 15}, {1280, 960, 30}, {1920, 1080, 30}, {640, 720, 30}};
+    const std::vector<CameraCapability> rates = {{640, 480, 60}, {640, 480, 30}, {640, 480, 0}, {640, 480, 24}};
+    const struct {
+        std::vector<CameraCapability> modes;
+        CameraCapabilityEx wanted;
+        int priority;
+        CameraCapability expected;
+    } cases[] = {
+        // Width keeps the 1280s, height then 1280x720.
+        {mixed, wantedOf(1280, 720, 30), 0, {1280, 720, 15}},
+        {mixed, wantedOf(1280, 720, 30), 1, {1280, 720, 15}},
+        {mixed, wantedOf(1280, 720, 30), 2, {1280, 960, 30}},
+        {mixed, wantedOf(1280, 720, 30), 3, {640, 720, 30}},
+        // 600 and 680 are both 40 from 640: the first listed wins.
+        {{{680, 480, 30}, {600, 480, 30}, {680, 480, 30}}, wantedOf(640, 480, 30), 0, {680, 480, 30}},
+        {{{600, 480, 30}, {680, 480, 30}}, wantedOf(640, 480, 30), 0, {600, 480, 30}},
+        {rates, wantedOf(640, 480, 30000, 1001), 2, {640, 480, 30}},
+        {rates, wantedOf(640, 480, 0, 1), 2, {640, 480, 0}},
+        {rates, wantedOf(640, 480, 24000, 1001), 2, {640, 480, 24}},
+        // Unknown priorities apply no filter: the first mode.
+        {{{320, 240, 5}, {1280, 720, 30}}, wantedOf(1280, 720, 30), 7, {320, 240, 5}},
+        {{{320, 240, 5}, {1280, 720, 30}}, wantedOf(1280, 720, 30), -1, {320, 240, 5}},
+        {{{320, 240, 5}, {1280, 720, 30}}, wantedOf(1280, 720, 30), 4, {320, 240, 5}},
+        // 4294967000 is -296 read as a signed difference from 0: nearer than 1000.
+        {{{1000, 1, 1}, {4294967000u, 1, 1}}, wantedOf(0, 1, 1), 0, {4294967000u, 1, 1}},
+    };
+    for (const auto& c : cases) {
+        ScriptedCamera camera;
+        camera.modes = c.modes;
+        CameraCapabilityEx found;
+        ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, c.wanted, found, Priority(c.priority)));
+        EXPECT_EQ(fieldsOf(found),
+                  (std::vector<std::uint32_t>{c.expected.width, c.expected.height, c.expected.frameRate, 1}))
+            << "wanted " << c.wanted.width << "x" << c.wanted.height << "@" << c.wanted.frameRate.numerator << "/"
+            << c.wanted.frameRate.denominator << ", priority " << c.priority;
     }
+}
 
-    found = wantedOf(11, 22, 33, 44);
-    camera.modes.clear();
-    EXPECT_FALSE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found,
-                                              CameraCapabilityPriority::WidthHeightFrameRate));
+TEST(BaseCameraClosest, NoModesLeaveFoundAloneAndPluginErrorsPropagate)
+{
+    ScriptedCamera camera;
+    CameraCapabilityEx found = wantedOf(11, 22, 33, 44);
+    EXPECT_FALSE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found, Priority(0)));
     camera.modes = {{320, 240, 5}};
     camera.queryFails = true;
-    EXPECT_FALSE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found,
-                                              CameraCapabilityPriority::WidthHeightFrameRate));
-    EXPECT_EQ(found.width, 11u);
-    EXPECT_EQ(found.frameRate.denominator, 44u);
-}
-
-TEST(BaseCameraClosest, HugeValuesWrapAsSignedDifferences)
-{
-    // 4294967000 is -296 read as a signed difference from 0, so it is nearer
-    // to a request of 0 than 1000 is.
-    ScriptedCamera camera;
-    camera.modes = {{1000, 1, 1}, {4294967000u, 1, 1}};
-    CameraCapabilityEx found;
-    ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(0, 1, 1), found,
-                                             CameraCapabilityPriority::WidthHeightFrameRate));
-    EXPECT_EQ(found.width, 4294967000u);
+    EXPECT_FALSE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found, Priority(0)));
+    EXPECT_EQ(fieldsOf(found), (std::vector<std::uint32_t>{11, 22, 33, 44}));
+    camera.throwOnQuery = true;
+    EXPECT_THROW(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found, Priority(0)),
+                 std::runtime_error);
 }
 
 TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
 {
     ScriptedCamera camera;
-    camera.formats = {
-        {PixelFormat::YUV420SemiPlanar, 0}, {fourcc('Y', 'U', 'Y', 'V'), 7}, {PixelFormat::YUV420SemiPlanar, 0}};
-    EXPECT_EQ(camera.getSupportedPixelFormats(),
-              (std::vector<PixelFormat>{PixelFormat::YUV420SemiPlanar, fourcc('Y', 'U', 'Y', 'V'),
-                                        PixelFormat::YUV420SemiPlanar}));
-    EXPECT_TRUE(camera.isFormatSupported(fourcc('Y', 'U', 'Y', 'V')));
-    EXPECT_TRUE(camera.isFormatSupported(PixelFormatDescription{fourcc('Y', 'U', 'Y', 'V'), 7}));
-    EXPECT_FALSE(camera.isFormatSupported(PixelFormatDescription{fourcc('Y', 'U', 'Y', 'V'), 0}));
+    const PixelFormat yuyv = fourcc('Y', 'U', 'Y', 'V');
+    camera.formats = {{kNv12, 0}, {yuyv, 7}, {kNv12, 0}};
+    EXPECT_EQ(camera.getSupportedPixelFormats(), (std::vector<PixelFormat>{kNv12, yuyv, kNv12}));
+    EXPECT_TRUE(camera.isFormatSupported(yuyv));
+    EXPECT_TRUE(camera.isFormatSupported(PixelFormatDescription{yuyv, 7}));
+    EXPECT_FALSE(camera.isFormatSupported(PixelFormatDescription{yuyv, 0}));
     EXPECT_FALSE(camera.isFormatSupported(PixelFormat::YUV420Planar));
 
-    CameraCapabilityRanges ranges;
+    CameraCapabilityRanges r;
     camera.modes = {{0, 480, 30}, {640, 0, 15}, {320, 240, 0}};
-    EXPECT_FALSE(camera.queryCapabilityRanges(PixelFormat::YUV420Planar, ranges)) << "format not listed";
-    ASSERT_TRUE(camera.queryCapabilityRanges(PixelFormat::YUV420SemiPlanar, ranges));
-    EXPECT_EQ(ranges.minWidth, 320u); // the leading 0 counts as unset
-    EXPECT_EQ(ranges.maxWidth, 640u);
-    EXPECT_EQ(ranges.minHeight, 240u); // a 0 in the middle is replaced by the next value
-    EXPECT_EQ(ranges.maxHeight, 480u);
-    EXPECT_EQ(ranges.minFrameRate.numerator, 0u); // only a 0 in the last mode stays
-    EXPECT_EQ(ranges.maxFrameRate.numerator, 30u);
-    EXPECT_EQ(ranges.minFrameRate.denominator, 1u);
-    EXPECT_EQ(ranges.maxFrameRate.denominator, 1u);
-    EXPECT_EQ(ranges.stepWidth, 0u);
-    EXPECT_EQ(ranges.stepHeight, 0u);
-    EXPECT_EQ(ranges.stepFrameRate.numerator, 0u);
-    EXPECT_EQ(ranges.stepFrameRate.denominator, 1u);
-
+    EXPECT_FALSE(camera.queryCapabilityRanges(PixelFormat::YUV420Planar, r)) << "format not listed";
+    ASSERT_TRUE(camera.queryCapabilityRanges(kNv12, r));
+    // A leading 0 counts as unset, a 0 in the middle is replaced by the next
+    // value; only a 0 in the last mode stays the minimum.
+    EXPECT_EQ((std::vector<std::uint32_t>{r.minWidth, r.maxWidth, r.stepWidth, r.minHeight, r.maxHeight, r.stepHeight,
+                                          r.minFrameRate.numerator, r.minFrameRate.denominator,
+                                          r.maxFrameRate.numerator, r.maxFrameRate.denominator,
+                                          r.stepFrameRate.numerator, r.stepFrameRate.denominator}),
+              (std::vector<std::uint32_t>{320, 640, 0, 240, 480, 0, 0, 1, 30, 1, 0, 1}));
     camera.modes.clear();
-    EXPECT_FALSE(camera.queryCapabilityRanges(PixelFormat::YUV420SemiPlanar, ranges));
-}
-
-TEST(BaseCameraCapture, ExactRateStartPassesTheRoundedRateAndPluginErrorsPropagate)
-{
-    ScriptedCamera camera;
-    ASSERT_TRUE(camera.startCapture(wantedOf(1920, 1080, 30000, 1001), PixelFormat::YUV420Planar));
-    ASSERT_TRUE(camera.startCapture(wantedOf(640, 480, 0, 1), PixelFormat::YUV420SemiPlanar));
-    ASSERT_EQ(camera.started.size(), 2u);
-    EXPECT_EQ(camera.started[0].first.width, 1920u);
-    EXPECT_EQ(camera.started[0].first.height, 1080u);
-    EXPECT_EQ(camera.started[0].first.frameRate, 30u);
-    EXPECT_EQ(camera.started[0].second, PixelFormat::YUV420Planar);
-    EXPECT_EQ(camera.started[1].first.frameRate, 0u);
-
-    camera.throwOnQuery = true;
-    CameraCapabilityEx found;
-    EXPECT_THROW(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found,
-                                              CameraCapabilityPriority::WidthHeightFrameRate),
-                 std::runtime_error);
+    EXPECT_FALSE(camera.queryCapabilityRanges(kNv12, r));
 }
 
 // A manager whose cameras are ScriptedCameras; counts how often it opens one.
 class ScriptedManager : public Internal::BaseCameraManager {
 public:
     int opened = 0;
+    bool throwing = false;
     std::weak_ptr<Camera> lastCamera;
     bool init() override { return true; }
     int getNumberOfCameras() override { return 1; }
@@ -245,7 +200,6 @@ public:
         lastCamera = camera;
         return camera;
     }
-    bool throwing = false;
 };
 
 TEST(BaseCameraManagerOps, EveryCallOpensItsOwnCameraAndReleasesIt)
@@ -259,19 +213,19 @@ TEST(BaseCameraManagerOps, EveryCallOpensItsOwnCameraAndReleasesIt)
     EXPECT_EQ(ranges.minWidth, 320u);
     CameraCapabilityEx found;
     ASSERT_TRUE(manager.findClosestCapability("cam", PixelFormat::YUV420Planar, wantedOf(300, 200, 10), found,
-                                              CameraCapabilityPriority::WidthHeightFrameRate));
-    EXPECT_TRUE(isMode(found, 320, 240, 15));
+                                              Priority::WidthHeightFrameRate));
+    EXPECT_EQ(fieldsOf(found), (std::vector<std::uint32_t>{320, 240, 15, 1}));
     EXPECT_EQ(manager.opened, 3);
     EXPECT_TRUE(manager.lastCamera.expired());
 
     EXPECT_TRUE(manager.getSupportedFormats("other").empty());
     EXPECT_FALSE(manager.queryCapabilityRanges("other", PixelFormat::YUV420Planar, ranges));
     EXPECT_FALSE(manager.findClosestCapability("other", PixelFormat::YUV420Planar, wantedOf(1, 1, 1), found,
-                                               CameraCapabilityPriority::WidthHeightFrameRate));
+                                               Priority::WidthHeightFrameRate));
 
     manager.throwing = true;
     EXPECT_THROW(manager.findClosestCapability("cam", PixelFormat::YUV420Planar, wantedOf(1, 1, 1), found,
-                                               CameraCapabilityPriority::WidthHeightFrameRate),
+                                               Priority::WidthHeightFrameRate),
                  std::runtime_error);
     EXPECT_TRUE(manager.lastCamera.expired()) << "the camera is released on the exception path too";
 }

@@ -30,9 +30,9 @@ std::string pluginDir()
 // The tool exempts GLib's abandoned first quark array itself under
 // AddressSanitizer (tools/lumiflux/CMakeLists.txt), so its leak check stays on.
 
-std::string tool(const std::string& arguments)
+std::string tool(const std::string& arguments, const std::string& testCameras = "2")
 {
-    return "env LUMIFLUX_NO_SYSLOG=1 LUMIFLUX_TEST_CAMERAS=2 LUMIFLUX_PLUGIN_DIR='" + pluginDir() +
+    return "env LUMIFLUX_NO_SYSLOG=1 LUMIFLUX_TEST_CAMERAS=" + testCameras + " LUMIFLUX_PLUGIN_DIR='" + pluginDir() +
            "' " LUMIFLUX_TOOL " " + arguments;
 }
 
@@ -46,30 +46,49 @@ std::vector<nlohmann::json> records(const std::string& out)
     return result;
 }
 
-TEST(CamerasTool, ListsCamerasWithPlacementFormatsAndModes)
+TEST(CamerasTool, ListsTestCamerasByFacingWithPlacementFormatsAndModes)
 {
     std::string out;
-    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras 2>/dev/null"), &out), 0);
+    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras 2>/dev/null", "3"), &out), 0);
     EXPECT_NE(out.find("0: lumiflux-test:/test/0  \"Test camera 0 (front)\""), std::string::npos) << out;
     EXPECT_NE(out.find("provider lumiflux-test, facing back, mount angle 90"), std::string::npos) << out;
     EXPECT_NE(out.find("formats: YUV420SemiPlanar YUV420Planar"), std::string::npos) << out;
+    // A [1/1, 60/1] rate range is offered as the rates people ask for, a
+    // list of rates as it is; no mode twice although three formats list the
+    // same sizes.
     EXPECT_NE(out.find("640x480 @ 1, 5, 10, 15, 20, 24, 25, 30, 50, 60 fps"), std::string::npos) << out;
     EXPECT_NE(out.find("1280x720 @ 30, 15 fps"), std::string::npos) << out;
 
-    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --json 2>/dev/null"), &out), 0);
-    auto list = records(out);
-    ASSERT_GE(list.size(), 3u) << out;
-    EXPECT_EQ(list.back()["event"], "cameras");
-    EXPECT_EQ(list.back()["count"], list.size() - 1);
-    const auto& second = list[1];
-    EXPECT_EQ(second["id"], "lumiflux-test:/test/1");
-    EXPECT_EQ(second["facing"], 1);
-    EXPECT_EQ(second["facingName"], "back");
-    EXPECT_EQ(second["formats"][1]["format"], "YUV420Planar");
+    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --json 2>/dev/null", "3"), &out), 0);
+    const auto all = records(out);
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all.back()["event"], "cameras");
+    EXPECT_EQ(all.back()["count"], all.size() - 1);
+    std::vector<nlohmann::json> cameras;
+    for (const auto& record : all)
+        if (record["event"] == "camera" && record["provider"] == "lumiflux-test")
+            cameras.push_back(record);
+    ASSERT_EQ(cameras.size(), 3u) << out;
+    const struct {
+        const char* facing;
+        int mountAngle;
+    } expected[] = {{"front", 270}, {"back", 90}, {"external", 0}};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(cameras[i]["id"], "lumiflux-test:/test/" + std::to_string(i));
+        EXPECT_EQ(cameras[i]["facingName"], expected[i].facing);
+        if (i < 2) {
+            EXPECT_EQ(cameras[i]["mountAngle"], expected[i].mountAngle);
+        }
+    }
+    EXPECT_EQ(cameras[1]["formats"][1]["format"], "YUV420Planar");
     bool has720p15 = false;
-    for (const auto& mode : second["capabilities"])
+    for (const auto& mode : cameras[1]["capabilities"])
         has720p15 = has720p15 || (mode["width"] == 1280 && mode["height"] == 720 && mode["frameRate"] == 15);
     EXPECT_TRUE(has720p15);
+
+    // A count that is not a number offers no test camera at all.
+    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --json 2>/dev/null", "three"), &out), 0);
+    EXPECT_EQ(out.find("lumiflux-test"), std::string::npos) << out;
 }
 
 TEST(CamerasTool, WatchRunsUntilInterrupted)

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <gst/gst.h>
-#include <gst/video/video.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -25,160 +24,52 @@
 namespace {
 
 using namespace Tevara::Lumiflux;
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-// A plug-in directory holding only the camera plug-in.
+// A plug-in directory holding only the camera plug-in. The GStreamer
+// elements it needs come with scripts/install-deps: a missing one is a
+// broken install, not a skip.
 CameraManager* loadCameraPlugin(const std::string& name)
 {
+    gst_init(nullptr, nullptr);
+    for (const char* element : {"videotestsrc", "videoconvert", "videoscale", "capsfilter", "appsink"}) {
+        GstElementFactory* factory = gst_element_factory_find(element);
+        EXPECT_NE(factory, nullptr) << "GStreamer element " << element << " is missing";
+        if (factory != nullptr)
+            gst_object_unref(factory);
+    }
     const std::string dir = lumiflux_test::freshDirectory(name);
-    fs::create_symlink(lumiflux_test::buildDir() + "/plugins-out/lumiflux-gst-cameras.so",
-                       dir + "/lumiflux-gst-cameras.so");
+    std::filesystem::create_symlink(lumiflux_test::buildDir() + "/plugins-out/lumiflux-gst-cameras.so",
+                                    dir + "/lumiflux-gst-cameras.so");
     setenv("LUMIFLUX_PLUGIN_DIR", dir.c_str(), 1);
     EXPECT_EQ(PluginManager::get().listPlugins().size(), 1u);
     return LumifluxManager();
 }
 
-std::vector<CameraInfo> camerasOf(CameraManager* manager, const std::string& provider)
-{
-    std::vector<CameraInfo> result;
-    const int count = manager->getNumberOfCameras();
-    for (int i = 0; i < count; ++i) {
-        CameraInfo info;
-        if (manager->getCameraInfo(static_cast<unsigned>(i), info) && info.provider == provider)
-            result.push_back(info);
-    }
-    return result;
-}
-
-void requireElements()
-{
-    gst_init(nullptr, nullptr);
-    // Installed by scripts/install-deps; a missing one is a broken install, not a skip.
-    for (const char* name : {"videotestsrc", "videoconvert", "videoscale", "capsfilter", "appsink"}) {
-        GstElementFactory* factory = gst_element_factory_find(name);
-        ASSERT_NE(factory, nullptr) << "GStreamer element " << name << " is missing";
-        gst_object_unref(factory);
-    }
-}
-
-bool hasMode(const std::vector<CameraCapability>& modes, std::uint32_t w, std::uint32_t h, std::uint32_t fps)
-{
-    return std::any_of(modes.begin(), modes.end(), [&](const CameraCapability& mode) {
-        return mode.width == w && mode.height == h && mode.frameRate == fps;
-    });
-}
-
-TEST(GstCamerasList, TestCamerasAreListedWithPlacementModesAndFormats)
-{
-    requireElements();
-    CameraManager* manager = loadCameraPlugin("gst-list");
-    const auto cameras = camerasOf(manager, "lumiflux-test");
-    ASSERT_EQ(cameras.size(), 3u);
-    // Ordered by facing: front, back, external.
-    EXPECT_EQ(cameras[0].id, "lumiflux-test:/test/0");
-    EXPECT_EQ(cameras[0].facing, CameraFacing::Front);
-    EXPECT_EQ(cameras[0].mountAngle, 270);
-    EXPECT_EQ(cameras[0].name, "Test camera 0 (front)");
-    EXPECT_EQ(cameras[1].id, "lumiflux-test:/test/1");
-    EXPECT_EQ(cameras[1].facing, CameraFacing::Back);
-    EXPECT_EQ(cameras[1].mountAngle, 90);
-    EXPECT_EQ(cameras[2].id, "lumiflux-test:/test/2");
-    EXPECT_EQ(cameras[2].facing, CameraFacing::External);
-
-    std::vector<CameraCapability> modes;
-    ASSERT_TRUE(manager->queryCapabilities(cameras[1].id, modes));
-    // A [1/1, 60/1] rate range is offered as the rates people ask for.
-    EXPECT_TRUE(hasMode(modes, 640, 480, 30));
-    EXPECT_TRUE(hasMode(modes, 640, 480, 25));
-    EXPECT_TRUE(hasMode(modes, 320, 240, 60));
-    EXPECT_TRUE(hasMode(modes, 320, 240, 1));
-    EXPECT_FALSE(hasMode(modes, 320, 240, 61));
-    EXPECT_FALSE(hasMode(modes, 320, 240, 7));
-    // A list of rates is taken as it is.
-    EXPECT_TRUE(hasMode(modes, 1280, 720, 15));
-    EXPECT_FALSE(hasMode(modes, 1280, 720, 25));
-    // No mode twice, although three formats list the same sizes.
-    for (size_t i = 0; i < modes.size(); ++i)
-        for (size_t j = i + 1; j < modes.size(); ++j)
-            EXPECT_FALSE(modes[i].width == modes[j].width && modes[i].height == modes[j].height &&
-                         modes[i].frameRate == modes[j].frameRate);
-
-    const auto formats = manager->getSupportedFormats(cameras[1].id);
-    ASSERT_EQ(formats.size(), 2u);
-    EXPECT_EQ(formats[0].format, PixelFormat::YUV420SemiPlanar);
-    EXPECT_EQ(formats[1].format, PixelFormat::YUV420Planar);
-
-    CameraCapabilityEx wanted, found;
-    wanted.width = 1280;
-    wanted.height = 720;
-    wanted.frameRate = {30000, 1001};
-    ASSERT_TRUE(manager->findClosestCapability(cameras[1].id, PixelFormat::YUV420SemiPlanar, wanted, found,
-                                               CameraCapabilityPriority::WidthHeightFrameRate));
-    EXPECT_EQ(found.width, 1280u);
-    EXPECT_EQ(found.height, 720u);
-    EXPECT_EQ(found.frameRate.numerator, 30u);
-    wanted.width = 1000;
-    wanted.height = 500;
-    wanted.frameRate = {12, 1};
-    ASSERT_TRUE(manager->findClosestCapability(cameras[1].id, PixelFormat::YUV420SemiPlanar, wanted, found,
-                                               CameraCapabilityPriority::HeightWidthFrameRate));
-    EXPECT_EQ(found.height, 480u);
-    EXPECT_EQ(found.frameRate.numerator, 10u); // 10 and 15 are 2 and 3 away from 12
-
-    CameraCapabilityRanges ranges;
-    ASSERT_TRUE(manager->queryCapabilityRanges(cameras[1].id, PixelFormat::YUV420Planar, ranges));
-    EXPECT_EQ(ranges.minWidth, 320u);
-    EXPECT_EQ(ranges.maxWidth, 1280u);
-    EXPECT_EQ(ranges.maxFrameRate.numerator, 60u);
-    EXPECT_FALSE(manager->queryCapabilityRanges(cameras[1].id, fourcc('Y', 'U', 'Y', 'V'), ranges));
-
-    auto camera = manager->openCamera(cameras[2].id);
-    ASSERT_NE(camera, nullptr);
-    CameraInfo info;
-    ASSERT_TRUE(camera->getInfo(info));
-    EXPECT_EQ(info.id, cameras[2].id);
-    EXPECT_EQ(manager->openCamera("lumiflux-test:/test/9"), nullptr);
-}
-
-TEST(GstCamerasList, BadTestCameraCountOffersNone)
-{
-    requireElements();
-    CameraManager* manager = loadCameraPlugin("gst-list-bad");
-    EXPECT_TRUE(camerasOf(manager, "lumiflux-test").empty());
-}
-
-// Collects what a camera delivers. Frames are kept, so their pixels can be
-// checked after capture has stopped.
-class CollectingListener : public CameraListener {
+// Records what a camera delivers (frames are kept, so their pixels can be
+// checked after capture has stopped) and, as the application's manager
+// listener, hot-plug events with whether the camera was listed at the call.
+class Recorder : public CameraListener, public CameraManagerListener {
 public:
-    void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        frames.push_back(frame);
-        threads.push_back(std::this_thread::get_id());
-        changed.notify_all();
-    }
-    void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        pictures.push_back(picture);
-        changed.notify_all();
-    }
-    void onError(const std::string& message) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        errors.push_back(message);
-    }
-    void onCaptureEnded() override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ended.push_back(std::this_thread::get_id());
-    }
+    struct Event {
+        std::string kind, id;
+        std::thread::id thread;
+        bool listedAtCallback;
+    };
+    void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override { add(frames, frame, true); }
+    void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override { add(pictures, picture); }
+    void onError(const std::string& message) override { add(errors, message); }
+    void onCaptureEnded() override { add(ended, std::this_thread::get_id()); }
+    void onCameraAdded(const std::string& id) override { hotPlug("added", id); }
+    void onCameraRemoved(const std::string& id) override { hotPlug("removed", id); }
+
     bool waitForFrames(size_t count)
     {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, 20s, [&] { return frames.size() >= count; });
+        return waitFor([&] { return frames.size() >= count; });
+    }
+    bool waitForEvents(size_t count)
+    {
+        return waitFor([&] { return events.size() >= count; });
     }
     size_t frameCount()
     {
@@ -186,13 +77,37 @@ public:
         return frames.size();
     }
 
+    CameraManager* manager = nullptr;
     std::mutex mutex;
     std::condition_variable changed;
-    std::vector<std::shared_ptr<GraphicBuffer>> frames;
-    std::vector<std::thread::id> threads;
-    std::vector<std::shared_ptr<GraphicBuffer>> pictures;
+    std::vector<std::shared_ptr<GraphicBuffer>> frames, pictures;
+    std::vector<std::thread::id> frameThreads, ended;
     std::vector<std::string> errors;
-    std::vector<std::thread::id> ended;
+    std::vector<Event> events;
+
+private:
+    template <typename T, typename V> void add(std::vector<T>& list, V value, bool frame = false)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        list.push_back(std::move(value));
+        if (frame)
+            frameThreads.push_back(std::this_thread::get_id());
+        changed.notify_all();
+    }
+    template <typename Predicate> bool waitFor(Predicate done)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, 20s, done);
+    }
+    void hotPlug(const char* kind, const std::string& id)
+    {
+        // The root refreshed its list before calling: the change is visible here.
+        bool listed = false;
+        CameraInfo info;
+        for (unsigned i = 0; manager->getCameraInfo(i, info); ++i)
+            listed = listed || info.id == id;
+        add(events, Event{kind, id, std::this_thread::get_id(), listed});
+    }
 };
 
 // Every sampled pixel of the frame has these Y, Cb and Cr values (the test
@@ -217,9 +132,13 @@ class GstCamerasCapture : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        requireElements();
         manager = loadCameraPlugin("gst-capture");
-        cameras = camerasOf(manager, "lumiflux-test");
+        const int count = manager->getNumberOfCameras();
+        for (int i = 0; i < count; ++i) {
+            CameraInfo info;
+            if (manager->getCameraInfo(static_cast<unsigned>(i), info) && info.provider == "lumiflux-test")
+                cameras.push_back(info);
+        }
         ASSERT_EQ(cameras.size(), 2u);
     }
     CameraManager* manager = nullptr;
@@ -230,7 +149,7 @@ TEST_F(GstCamerasCapture, Nv12FramesOfAKnownPatternAtTheRequestedSizeAndRate)
 {
     auto camera = manager->openCamera(cameras[0].id);
     ASSERT_NE(camera, nullptr);
-    CollectingListener listener;
+    Recorder listener;
     camera->setListener(&listener);
     ASSERT_TRUE(camera->setParameter("pattern", "white"));
     std::string value;
@@ -256,7 +175,7 @@ TEST_F(GstCamerasCapture, Nv12FramesOfAKnownPatternAtTheRequestedSizeAndRate)
     EXPECT_TRUE(listener.errors.empty());
     ASSERT_EQ(listener.ended.size(), 1u);
     EXPECT_EQ(listener.ended[0], std::this_thread::get_id()) << "stopCapture reports the end on its own thread";
-    EXPECT_NE(listener.threads[0], std::this_thread::get_id());
+    EXPECT_NE(listener.frameThreads[0], std::this_thread::get_id());
     ASSERT_EQ(listener.pictures.size(), 1u);
     EXPECT_NE(std::find(listener.frames.begin(), listener.frames.end(), listener.pictures[0]), listener.frames.end());
     for (const auto& frame : listener.frames) {
@@ -285,47 +204,60 @@ TEST_F(GstCamerasCapture, Nv12FramesOfAKnownPatternAtTheRequestedSizeAndRate)
     EXPECT_EQ(listener.frames.size(), delivered) << "no frame after stopCapture returned";
 }
 
-TEST_F(GstCamerasCapture, I420RestartAfterStopAndAnotherPattern)
+TEST_F(GstCamerasCapture, TwoCamerasAtOnceI420AndARestartInAnotherMode)
 {
-    auto camera = manager->openCamera(cameras[1].id);
-    ASSERT_NE(camera, nullptr);
-    CollectingListener listener;
-    camera->setListener(&listener);
-    ASSERT_TRUE(camera->setParameter("pattern", "black"));
+    auto front = manager->openCamera(cameras[0].id);
+    auto back = manager->openCamera(cameras[1].id);
+    ASSERT_NE(front, nullptr);
+    ASSERT_NE(back, nullptr);
+    Recorder frontFrames, backFrames;
+    front->setListener(&frontFrames);
+    back->setListener(&backFrames);
+    ASSERT_TRUE(front->setParameter("pattern", "white"));
+    ASSERT_TRUE(back->setParameter("pattern", "black"));
     CameraCapabilityEx exact;
     exact.width = 640;
     exact.height = 480;
     exact.frameRate = {15, 1};
-    ASSERT_TRUE(camera->startCapture(exact, PixelFormat::YUV420Planar));
-    ASSERT_TRUE(listener.waitForFrames(4));
-    ASSERT_TRUE(camera->stopCapture());
+    ASSERT_TRUE(front->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420SemiPlanar));
+    ASSERT_TRUE(back->startCapture(exact, PixelFormat::YUV420Planar));
+    ASSERT_TRUE(frontFrames.waitForFrames(5));
+    ASSERT_TRUE(backFrames.waitForFrames(4));
+    front->setListener(nullptr); // stops callbacks before the capture stops
+    ASSERT_TRUE(front->stopCapture());
+    ASSERT_TRUE(back->stopCapture());
     {
-        std::lock_guard<std::mutex> lock(listener.mutex);
-        expectSolid(listener.frames.back(), 16, 128, 128, 1);
-        EXPECT_EQ(listener.frames.back()->width, 640);
+        std::lock_guard<std::mutex> lockFront(frontFrames.mutex);
+        std::lock_guard<std::mutex> lockBack(backFrames.mutex);
+        EXPECT_TRUE(frontFrames.ended.empty()) << "the listener was removed";
+        EXPECT_EQ(backFrames.ended.size(), 1u);
+        expectSolid(frontFrames.frames.back(), 235, 128, 128, 2);
+        expectSolid(backFrames.frames.back(), 16, 128, 128, 1);
+        EXPECT_EQ(backFrames.frames.back()->width, 640);
     }
 
     // Same camera again, other mode, other pattern: blue is Y 41, Cb 240, Cr 110.
-    ASSERT_TRUE(camera->setParameter("pattern", "blue"));
-    const size_t before = listener.frameCount();
-    ASSERT_TRUE(camera->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420Planar));
-    ASSERT_TRUE(listener.waitForFrames(before + 4));
-    ASSERT_TRUE(camera->stopCapture());
-    std::lock_guard<std::mutex> lock(listener.mutex);
-    EXPECT_EQ(listener.frames.back()->width, 320);
-    expectSolid(listener.frames.back(), 41, 240, 110, 1);
-    EXPECT_EQ(listener.ended.size(), 2u);
+    ASSERT_TRUE(back->setParameter("pattern", "blue"));
+    const size_t before = backFrames.frameCount();
+    ASSERT_TRUE(back->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420Planar));
+    ASSERT_TRUE(backFrames.waitForFrames(before + 4));
+    ASSERT_TRUE(back->stopCapture());
+    std::lock_guard<std::mutex> lock(backFrames.mutex);
+    EXPECT_EQ(backFrames.frames.back()->width, 320);
+    expectSolid(backFrames.frames.back(), 41, 240, 110, 1);
+    EXPECT_EQ(backFrames.ended.size(), 2u);
 }
 
 TEST_F(GstCamerasCapture, RefusedRequestsAndDestroyingACapturingCamera)
 {
     auto camera = manager->openCamera(cameras[0].id);
     ASSERT_NE(camera, nullptr);
+    EXPECT_EQ(manager->openCamera("lumiflux-test:/test/9"), nullptr);
     EXPECT_FALSE(camera->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YCbCrFlexible));
     EXPECT_FALSE(camera->startCapture(CameraCapability{0, 240, 30}, PixelFormat::YUV420SemiPlanar));
     EXPECT_FALSE(camera->isCapturing());
 
-    CollectingListener listener;
+    Recorder listener;
     camera->setListener(&listener);
     ASSERT_TRUE(camera->startCapture(CameraCapability{320, 240, 60}, PixelFormat::YUV420SemiPlanar));
     ASSERT_TRUE(listener.waitForFrames(2));
@@ -342,30 +274,151 @@ TEST_F(GstCamerasCapture, RefusedRequestsAndDestroyingACapturingCamera)
     EXPECT_EQ(view->width, 320);
 }
 
-TEST_F(GstCamerasCapture, TwoCamerasCaptureAtOnce)
+// --- hot-plug: a device provider of the test's own ---------------------------
+
+struct PlugDevice {
+    GstDevice parent;
+};
+struct PlugDeviceClass {
+    GstDeviceClass parentClass;
+};
+G_DEFINE_TYPE(PlugDevice, plug_device, GST_TYPE_DEVICE)
+
+void plug_device_init(PlugDevice*) {}
+void plug_device_class_init(PlugDeviceClass* klass)
 {
-    auto front = manager->openCamera(cameras[0].id);
-    auto back = manager->openCamera(cameras[1].id);
-    ASSERT_NE(front, nullptr);
-    ASSERT_NE(back, nullptr);
-    CollectingListener frontFrames, backFrames;
-    front->setListener(&frontFrames);
-    back->setListener(&backFrames);
-    ASSERT_TRUE(front->setParameter("pattern", "white"));
-    ASSERT_TRUE(back->setParameter("pattern", "black"));
-    ASSERT_TRUE(front->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420SemiPlanar));
-    ASSERT_TRUE(back->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420SemiPlanar));
-    ASSERT_TRUE(frontFrames.waitForFrames(5));
-    ASSERT_TRUE(backFrames.waitForFrames(5));
-    front->setListener(nullptr); // stops callbacks before the capture stops
-    ASSERT_TRUE(front->stopCapture());
-    ASSERT_TRUE(back->stopCapture());
-    std::lock_guard<std::mutex> lockFront(frontFrames.mutex);
-    std::lock_guard<std::mutex> lockBack(backFrames.mutex);
-    EXPECT_TRUE(frontFrames.ended.empty()) << "the listener was removed";
-    EXPECT_EQ(backFrames.ended.size(), 1u);
-    expectSolid(frontFrames.frames.back(), 235, 128, 128, 2);
-    expectSolid(backFrames.frames.back(), 16, 128, 128, 2);
+    GST_DEVICE_CLASS(klass)->create_element = [](GstDevice*, const gchar* name) {
+        GstElement* source = gst_element_factory_make("videotestsrc", name);
+        if (source != nullptr) {
+            g_object_set(source, "is-live", TRUE, nullptr);
+            gst_util_set_object_arg(G_OBJECT(source), "pattern", "black");
+        }
+        return source;
+    };
+}
+
+struct PlugProvider {
+    GstDeviceProvider parent;
+};
+struct PlugProviderClass {
+    GstDeviceProviderClass parentClass;
+};
+G_DEFINE_TYPE(PlugProvider, plug_provider, GST_TYPE_DEVICE_PROVIDER)
+
+std::mutex providerMutex;
+GstDeviceProvider* startedProvider = nullptr; ///< the instance the monitor started
+
+// Not called with providerMutex held while a device is added: the
+// notification takes the root manager's lock, which is held while the
+// monitor starts the provider (which takes providerMutex).
+GstDeviceProvider* provider()
+{
+    std::lock_guard<std::mutex> lock(providerMutex);
+    return startedProvider;
+}
+
+void plug_provider_init(PlugProvider*) {}
+void plug_provider_class_init(PlugProviderClass* klass)
+{
+    auto* providerClass = GST_DEVICE_PROVIDER_CLASS(klass);
+    providerClass->probe = [](GstDeviceProvider*) -> GList* { return nullptr; }; // nothing plugged in at start
+    providerClass->start = [](GstDeviceProvider* self) -> gboolean {
+        std::lock_guard<std::mutex> lock(providerMutex);
+        startedProvider = GST_DEVICE_PROVIDER(gst_object_ref(self));
+        return TRUE;
+    };
+    providerClass->stop = [](GstDeviceProvider* self) {
+        std::lock_guard<std::mutex> lock(providerMutex);
+        if (startedProvider == self)
+            gst_clear_object(&startedProvider);
+    };
+    gst_device_provider_class_set_static_metadata(providerClass, "Hot-plug test provider", "Video/Source",
+                                                  "Devices the test plugs in and out", "lumiflux tests");
+}
+
+TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
+{
+    gst_init(nullptr, nullptr);
+    // Registered before the plug-in starts its device monitor, which looks
+    // for providers when it starts.
+    ASSERT_TRUE(gst_plugin_register_static(
+        GST_VERSION_MAJOR, GST_VERSION_MINOR, "hotplugtest", "hot-plug test",
+        [](GstPlugin* plugin) {
+            return gst_device_provider_register(plugin, "hotplugtestprovider", GST_RANK_PRIMARY,
+                                                plug_provider_get_type());
+        },
+        "1.0", "LGPL", "tests", "lumiflux", "https://localhost/"));
+    CameraManager* manager = loadCameraPlugin("gst-hotplug");
+    const int before = manager->getNumberOfCameras();
+    ASSERT_NE(provider(), nullptr) << "the plug-in's monitor did not start our provider";
+    Recorder listener;
+    listener.manager = manager;
+    manager->setListener(&listener);
+
+    GstStructure* properties =
+        gst_structure_new("hotplug-properties", "device.api", G_TYPE_STRING, "hotplug", "device.path", G_TYPE_STRING,
+                          "/usb/1", "camera.location", G_TYPE_STRING, "back", nullptr);
+    GstCaps* caps = gst_caps_from_string("video/x-raw, format=NV12, width=160, height=120, framerate=30/1");
+    auto* device =
+        static_cast<GstDevice*>(g_object_new(plug_device_get_type(), "display-name", "USB test camera", "device-class",
+                                             "Video/Source", "caps", caps, "properties", properties, nullptr));
+    gst_caps_unref(caps);
+    gst_structure_free(properties);
+    gst_object_ref_sink(device);
+    std::thread::id pluggingThread;
+    std::thread([&] {
+        pluggingThread = std::this_thread::get_id();
+        gst_device_provider_device_add(provider(), device);
+    }).join();
+    ASSERT_TRUE(listener.waitForEvents(1));
+    {
+        std::lock_guard<std::mutex> lock(listener.mutex);
+        EXPECT_EQ(listener.events[0].kind, "added");
+        EXPECT_EQ(listener.events[0].id, "hotplug:/usb/1");
+        EXPECT_EQ(listener.events[0].thread, pluggingThread);
+        EXPECT_TRUE(listener.events[0].listedAtCallback);
+    }
+    EXPECT_EQ(manager->getNumberOfCameras(), before + 1);
+
+    // The plugged camera works like any other.
+    std::vector<CameraCapability> modes;
+    ASSERT_TRUE(manager->queryCapabilities("hotplug:/usb/1", modes));
+    ASSERT_EQ(modes.size(), 1u);
+    EXPECT_EQ(modes[0].width, 160u);
+    EXPECT_EQ(modes[0].frameRate, 30u);
+    auto camera = manager->openCamera("hotplug:/usb/1");
+    ASSERT_NE(camera, nullptr);
+    CameraInfo info;
+    ASSERT_TRUE(camera->getInfo(info));
+    EXPECT_EQ(info.facing, CameraFacing::Back);
+    EXPECT_EQ(info.name, "USB test camera");
+    camera->setListener(&listener);
+    ASSERT_TRUE(camera->startCapture(modes[0], PixelFormat::YUV420SemiPlanar));
+    ASSERT_TRUE(listener.waitForFrames(3));
+    {
+        std::lock_guard<std::mutex> lock(listener.mutex);
+        auto view = listener.frames.back()->mapYCbCr();
+        ASSERT_NE(view, nullptr);
+        EXPECT_EQ(view->width, 160);
+        EXPECT_EQ(view->y[0], 16); // black
+    }
+
+    // Unplugged while capturing: the list drops it before the application hears.
+    std::thread([&] { gst_device_provider_device_remove(provider(), device); }).join();
+    ASSERT_TRUE(listener.waitForEvents(2));
+    {
+        std::lock_guard<std::mutex> lock(listener.mutex);
+        EXPECT_EQ(listener.events[1].kind, "removed");
+        EXPECT_EQ(listener.events[1].id, "hotplug:/usb/1");
+        EXPECT_FALSE(listener.events[1].listedAtCallback);
+    }
+    EXPECT_EQ(manager->openCamera("hotplug:/usb/1"), nullptr);
+    EXPECT_EQ(manager->getNumberOfCameras(), before);
+    // The open camera keeps running until the application lets it go.
+    EXPECT_TRUE(camera->stopCapture());
+    camera.reset();
+    manager->setListener(nullptr);
+    gst_object_unref(device);
 }
 
 } // namespace

@@ -15,6 +15,7 @@
 #include <lumiflux/camera.h>
 #include <lumiflux/plugin.h>
 
+#include "../fixtures/camera_module.h"
 #include "test_paths.h"
 
 namespace {
@@ -22,25 +23,27 @@ namespace {
 using namespace Tevara::Lumiflux;
 namespace fs = std::filesystem;
 
-// The C functions of one loaded copy of the fixture camera module.
+// One loaded copy of the fixture camera module, and the cameras it offers.
 struct FixturePlugin {
+    FixtureCameraState* state = nullptr;
     void* handle = nullptr;
-    template <typename F> F* fn(const char* name) const
+    void add(const std::string& id, int facing) const
     {
-        void* symbol = dlsym(handle, name);
-        EXPECT_NE(symbol, nullptr) << name;
-        return reinterpret_cast<F*>(symbol);
+        state->cameras.push_back({id, "camera " + id, "", facing, 90, "fixture"});
     }
-    void tag(const char* t) const { fn<void(const char*)>("fixtureSetTag")(t); }
-    void add(const char* id, int facing) const { fn<void(const char*, int)>("fixtureAddCamera")(id, facing); }
-    void failIndex(int index) const { fn<void(int)>("fixtureFailIndex")(index); }
-    void grow(int count) const { fn<void(int)>("fixtureGrowDuringEnumeration")(count); }
-    void failInit() const { fn<void(bool)>("fixtureFailInit")(true); }
-    void throwOnInfo(bool on) const { fn<void(bool)>("fixtureThrowOnInfo")(on); }
-    int initCalls() const { return fn<int()>("fixtureInitCalls")(); }
-    int openCalls() const { return fn<int()>("fixtureOpenCalls")(); }
-    void fireAdded(const char* id, int facing) const { fn<void(const char*, int)>("fixtureFireAdded")(id, facing); }
-    void fireRemoved(const char* id) const { fn<void(const char*)>("fixtureFireRemoved")(id); }
+    void fire(bool added, const std::string& id) const
+    {
+        if (added) {
+            add(id, 0);
+        } else {
+            auto& cameras = state->cameras;
+            cameras.erase(std::remove_if(cameras.begin(), cameras.end(), [&](auto& c) { return c.id == id; }),
+                          cameras.end());
+        }
+        auto* fn = reinterpret_cast<void (*)(bool, const char*)>(dlsym(handle, "fixtureFire"));
+        ASSERT_NE(fn, nullptr);
+        fn(added, id.c_str());
+    }
 };
 
 // Copies the fixture module `count` times into a fresh plug-in directory and
@@ -54,8 +57,11 @@ std::vector<FixturePlugin> loadFixtures(const std::string& name, int count)
                       dir + "/camera" + std::to_string(i) + ".so");
     setenv("LUMIFLUX_PLUGIN_DIR", dir.c_str(), 1);
     std::vector<FixturePlugin> result;
-    for (const Plugin& plugin : PluginManager::get().listPlugins())
-        result.push_back(FixturePlugin{plugin.handle});
+    for (const Plugin& plugin : PluginManager::get().listPlugins()) {
+        auto* state = reinterpret_cast<FixtureCameraState* (*)()>(dlsym(plugin.handle, "fixtureState"));
+        EXPECT_NE(state, nullptr);
+        result.push_back(FixturePlugin{state ? state() : nullptr, plugin.handle});
+    }
     EXPECT_EQ(result.size(), static_cast<size_t>(count));
     return result;
 }
@@ -86,55 +92,37 @@ TEST(RootNoPlugins, ManagerExistsAndEveryCallFailsQuietly)
     CameraManager* manager = LumifluxManager();
     ASSERT_NE(manager, nullptr);
     EXPECT_EQ(LumifluxManager(), manager);
-    CameraInfo info;
-    info.id = "untouched";
-    EXPECT_FALSE(manager->getCameraInfo(0, info));
     EXPECT_EQ(manager->getNumberOfCameras(), 0);
+    CameraInfo info;
     EXPECT_FALSE(manager->getCameraInfo(0, info));
-    EXPECT_EQ(info.id, "untouched");
     std::vector<CameraCapability> caps;
     EXPECT_FALSE(manager->queryCapabilities("x", caps));
     EXPECT_EQ(manager->openCamera("x"), nullptr);
-    EXPECT_TRUE(manager->getSupportedFormats("x").empty());
-    CameraCapabilityRanges ranges;
-    EXPECT_FALSE(manager->queryCapabilityRanges("x", PixelFormat::YUV420SemiPlanar, ranges));
-    CameraCapabilityEx found;
-    EXPECT_FALSE(manager->findClosestCapability("x", PixelFormat::YUV420SemiPlanar, CameraCapabilityEx{}, found,
-                                                CameraCapabilityPriority::WidthHeightFrameRate));
 }
 
 TEST(RootEnumeration, OrdersByFacingKeepsEnumerationOrderAndRoutesById)
 {
     auto plugins = loadFixtures("root-order", 4);
     ASSERT_EQ(plugins.size(), 4u);
-    const char* tags[] = {"p0", "p1", "p2", "p3"};
     for (size_t i = 0; i < plugins.size(); ++i)
-        plugins[i].tag(tags[i]);
+        plugins[i].state->tag = "p" + std::to_string(i);
     // Enumeration order, with the expected (stable) result derived from it.
-    plugins[0].add("a-back", 1);
-    plugins[0].add("a-ext", 2);
-    plugins[0].add("a-back2", 1);
-    plugins[0].add("dup", 1);
-    plugins[1].add("b-front", 0);
-    plugins[1].add("b-skipped", 0);
-    plugins[1].add("b-back", 1);
-    plugins[1].add("dup", 0);
-    plugins[1].add("b-neg", -3);
-    plugins[1].failIndex(1);
+    for (auto [id, facing] : {std::pair{"a-back", 1}, {"a-ext", 2}, {"a-back2", 1}, {"dup", 1}})
+        plugins[0].add(id, facing);
+    for (auto [id, facing] : {std::pair{"b-front", 0}, {"b-skipped", 0}, {"b-back", 1}, {"dup", 0}, {"b-neg", -3}})
+        plugins[1].add(id, facing);
+    plugins[1].state->failIndex = 1;
     plugins[2].add("c-front", 0);
-    plugins[2].grow(2); // two "late" cameras (facing 5) appear while the root lists
+    plugins[2].state->growBy = 2; // two "late" cameras (facing 5) appear while the root lists
     plugins[3].add("never", -9);
-    plugins[3].failInit();
+    plugins[3].state->failInit = true;
 
     CameraManager* manager = LumifluxManager();
     CameraInfo info;
     EXPECT_FALSE(manager->getCameraInfo(0, info)) << "nothing is listed before getNumberOfCameras";
-    for (auto& plugin : plugins)
-        EXPECT_EQ(plugin.initCalls(), 1);
-
     const auto list = listCameras(manager);
     const std::vector<std::string> expected = {"b-neg", "b-front", "dup",   "c-front",  "a-back",  "a-back2",
-                                               "dup",   "b-back",  "a-ext", "p2-late0", "p2-late1"};
+                                               "dup",   "b-back",  "a-ext", "p2-late1", "p2-late2"};
     EXPECT_EQ(idsOf(list), expected);
     ASSERT_EQ(list.size(), expected.size());
     EXPECT_EQ(list[0].provider, "p1");
@@ -150,12 +138,12 @@ TEST(RootEnumeration, OrdersByFacingKeepsEnumerationOrderAndRoutesById)
     EXPECT_EQ(info.id, "kept");
 
     // The duplicated id reaches the later plug-in: its camera has facing 0.
-    const int openedBefore = plugins[1].openCalls();
+    const int openedBefore = plugins[1].state->openCalls;
     auto camera = manager->openCamera("dup");
     ASSERT_NE(camera, nullptr);
     ASSERT_TRUE(camera->getInfo(info));
     EXPECT_EQ(info.provider, "p1");
-    EXPECT_EQ(plugins[1].openCalls(), openedBefore + 1);
+    EXPECT_EQ(plugins[1].state->openCalls, openedBefore + 1);
     std::vector<CameraCapability> caps;
     ASSERT_TRUE(manager->queryCapabilities("dup", caps));
     ASSERT_EQ(caps.size(), 1u);
@@ -171,51 +159,49 @@ TEST(RootEnumeration, OrdersByFacingKeepsEnumerationOrderAndRoutesById)
                                                CameraCapabilityPriority::WidthHeightFrameRate));
     EXPECT_EQ(found.width, 101u);
 
-    // Unknown ids and the camera of the plug-in whose init failed.
-    EXPECT_EQ(manager->openCamera("never"), nullptr);
-    EXPECT_EQ(manager->openCamera("b-skipped"), nullptr) << "an index that failed is not routed";
-    EXPECT_FALSE(manager->queryCapabilities("", caps));
+    // Unknown ids, the camera of the plug-in whose init failed, an index that failed.
+    for (const char* id : {"never", "b-skipped", ""}) {
+        EXPECT_EQ(manager->openCamera(id), nullptr) << id;
+        EXPECT_FALSE(manager->queryCapabilities(id, caps)) << id;
+        EXPECT_TRUE(manager->getSupportedFormats(id).empty()) << id;
+        EXPECT_FALSE(manager->queryCapabilityRanges(id, PixelFormat::YUV420SemiPlanar, ranges)) << id;
+        EXPECT_FALSE(manager->findClosestCapability(id, PixelFormat::YUV420SemiPlanar, CameraCapabilityEx{}, found,
+                                                    CameraCapabilityPriority::WidthHeightFrameRate))
+            << id;
+    }
 
-    // Every call re-enumerates; the list is stable when nothing changed.
+    // Every call re-enumerates; the list is stable when nothing changed, and init runs once.
     EXPECT_EQ(idsOf(listCameras(manager)), idsOf(list));
     for (auto& plugin : plugins)
-        EXPECT_EQ(plugin.initCalls(), 1) << "init runs once";
+        EXPECT_EQ(plugin.state->initCalls, 1);
 }
 
 TEST(RootEnumeration16, SixteenEqualFacingsKeepTheirOrder)
 {
     auto plugins = loadFixtures("root-sixteen", 2);
     ASSERT_EQ(plugins.size(), 2u);
-    std::vector<std::pair<std::string, int>> order;
     // Facings interleaved so that an unstable sort would show.
-    for (int i = 0; i < 8; ++i) {
-        const std::string id = "first" + std::to_string(i);
-        plugins[0].add(id.c_str(), (i * 5) % 3);
-        order.emplace_back(id, (i * 5) % 3);
-    }
-    for (int i = 0; i < 8; ++i) {
-        const std::string id = "second" + std::to_string(i);
-        plugins[1].add(id.c_str(), (i * 7) % 3);
-        order.emplace_back(id, (i * 7) % 3);
-    }
-    std::stable_sort(order.begin(), order.end(), [](auto& a, auto& b) { return a.second < b.second; });
+    for (int i = 0; i < 16; ++i)
+        plugins[i / 8].add("camera" + std::to_string(i), (i * 5) % 3);
     std::vector<std::string> expected;
-    for (auto& entry : order)
-        expected.push_back(entry.first);
+    for (int facing = 0; facing < 3; ++facing)
+        for (int i = 0; i < 16; ++i)
+            if ((i * 5) % 3 == facing)
+                expected.push_back("camera" + std::to_string(i));
     EXPECT_EQ(idsOf(listCameras(LumifluxManager())), expected);
 
     // Beyond 16 the order of equal facings is not promised, but the list is still sorted.
     for (int i = 0; i < 40; ++i)
-        plugins[1].add(("more" + std::to_string(i)).c_str(), (i * 11) % 4);
+        plugins[1].add("more" + std::to_string(i), (i * 11) % 4);
     const auto list = listCameras(LumifluxManager());
     ASSERT_EQ(list.size(), 56u);
     EXPECT_TRUE(std::is_sorted(list.begin(), list.end(), [](auto& a, auto& b) { return a.facing < b.facing; }));
 
     // A plug-in that throws while listed: the exception reaches the caller
     // and the lock is released, so the next enumeration runs (no deadlock).
-    plugins[1].throwOnInfo(true);
+    plugins[1].state->throwOnInfo = true;
     EXPECT_THROW(LumifluxManager()->getNumberOfCameras(), std::runtime_error);
-    plugins[1].throwOnInfo(false);
+    plugins[1].state->throwOnInfo = false;
     EXPECT_EQ(LumifluxManager()->getNumberOfCameras(), 56);
 }
 
@@ -256,15 +242,15 @@ TEST(RootHotPlug, NotificationsFromAPluginThreadSeeTheRefreshedList)
     RecordingListener listener(manager);
 
     // Before any enumeration the root is nobody's listener yet.
-    plugins[1].fireAdded("early", 0);
+    plugins[1].fire(true, "early");
     EXPECT_TRUE(listener.events.empty());
 
     manager->setListener(&listener);
     ASSERT_EQ(manager->getNumberOfCameras(), 3);
-    plugins[1].fireAdded("hot", 0);
-    plugins[0].fireRemoved("one");
+    plugins[1].fire(true, "hot");
+    plugins[0].fire(false, "one");
     manager->setListener(nullptr);
-    plugins[1].fireRemoved("two");
+    plugins[1].fire(false, "two");
 
     ASSERT_EQ(listener.events.size(), 2u);
     EXPECT_EQ(listener.events[0].kind, "added");

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <iostream>
 #include <regex>
 #include <sstream>
@@ -28,6 +27,15 @@ namespace {
 
 std::streambuf* const originalClogBuffer = std::clog.rdbuf();
 
+// Priority and text of every record sent so far.
+std::vector<std::pair<int, std::string>> sent()
+{
+    std::vector<std::pair<int, std::string>> result;
+    for (const auto& record : syslogRecords())
+        result.emplace_back(record.priority, record.text);
+    return result;
+}
+
 TEST(LogInitRace, FirstCallsFromManyThreadsAtOnceInstallOneBuffer)
 {
     ASSERT_EQ(std::clog.rdbuf(), originalClogBuffer);
@@ -43,11 +51,17 @@ TEST(LogInitRace, FirstCallsFromManyThreadsAtOnceInstallOneBuffer)
         });
     for (auto& t : threads)
         t.join();
-    EXPECT_NE(std::clog.rdbuf(), originalClogBuffer);
-    EXPECT_EQ(openlogCalls().size(), 1u);
+    std::streambuf* installed = std::clog.rdbuf();
+    LogInit();
+    EXPECT_NE(installed, originalClogBuffer);
+    EXPECT_EQ(std::clog.rdbuf(), installed);
+    const auto opens = openlogCalls();
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0].ident, "lumiflux");
+    EXPECT_EQ(opens[0].option, LOG_PID);
+    EXPECT_EQ(opens[0].facility, LOG_USER);
     std::clog << LogLevel::Error << "after the race" << std::endl;
-    ASSERT_EQ(syslogRecords().size(), 1u);
-    EXPECT_EQ(syslogRecords()[0].text, "after the race\n");
+    EXPECT_EQ(sent(), (decltype(sent()){{LOG_ERR, "after the race\n"}}));
 }
 
 class LogTest : public ::testing::Test {
@@ -64,80 +78,28 @@ using LogDebugOff = LogTest;
 using LogDebugOn = LogTest;
 using LogSyslogOff = LogTest;
 
-TEST_F(LogSyslogOn, InstallsOneBufferAndOpensSyslogOnceFromManyThreads)
-{
-    std::streambuf* installed = std::clog.rdbuf();
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i)
-        threads.emplace_back([] { LogInit(); });
-    for (auto& t : threads)
-        t.join();
-    LogInit();
-
-    EXPECT_NE(installed, originalClogBuffer);
-    EXPECT_EQ(std::clog.rdbuf(), installed);
-    const auto opens = openlogCalls();
-    ASSERT_EQ(opens.size(), 1u);
-    EXPECT_EQ(opens[0].ident, "lumiflux");
-    EXPECT_EQ(opens[0].option, LOG_PID);
-    EXPECT_EQ(opens[0].facility, LOG_USER);
-}
-
-TEST_F(LogSyslogOn, ErrorMessageIsOneRecordAtErrPriorityWithTheFixedForm)
+TEST_F(LogSyslogOn, EachFlushSendsOneRecordAtTheLevelsPriority)
 {
     LUMIFLUX_LOG(LogLevel::Error, "main ") << "cannot open plugin: "
                                            << "reason" << std::endl;
-    const auto records = syslogRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].priority, LOG_ERR);
-    EXPECT_TRUE(std::regex_match(records[0].text, std::regex("main TestBody:[0-9]+ -- cannot open plugin: reason\n")))
-        << records[0].text;
-}
-
-TEST_F(LogDebugOff, InfoGoesOutAtInfoPriorityAndTheLevelResetsAfterEachRecord)
-{
-    std::clog << LogLevel::Info << "first" << std::endl;
-    std::clog << "second, no level" << std::endl;
-    const auto records = syslogRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].priority, LOG_INFO);
-    EXPECT_EQ(records[0].text, "first\n");
-}
-
-TEST_F(LogSyslogOn, EmbeddedNewlinesStayInOneRecordUntilTheFlush)
-{
+    // Embedded newlines stay in one record until the flush.
     std::clog << LogLevel::Error << "line one\nline two" << '\n' << std::flush;
-    const auto records = syslogRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].text, "line one\nline two\n");
-}
-
-TEST_F(LogDebugOff, EmptyFlushSendsNothingButResetsTheLevel)
-{
-    std::clog << LogLevel::Error << std::flush;
-    std::clog << "after the empty flush" << std::endl;
-    EXPECT_TRUE(syslogRecords().empty());
-}
-
-TEST_F(LogSyslogOn, UnknownLevelsAreKeptButSentAsDebugPriority)
-{
+    // Unknown levels at or above Info are kept but sent as debug.
     std::clog << LogLevel{5} << "odd level" << std::endl;
     std::clog << LogLevel{-3} << "negative level" << std::endl;
-    const auto records = syslogRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].priority, LOG_DEBUG);
-    EXPECT_EQ(records[0].text, "odd level\n");
-}
-
-TEST_F(LogSyslogOn, InsertingALevelOnAnotherStreamIsHarmless)
-{
+    // A level inserted into another stream is harmless there.
     std::ostringstream stream;
-    std::ostream& result = stream << LogLevel::Error;
-    EXPECT_EQ(&result, &stream);
-    EXPECT_EQ(stream.str(), "");
+    EXPECT_EQ(&(stream << LogLevel::Error), &stream);
     stream << "text";
     EXPECT_EQ(stream.str(), "text");
-    EXPECT_TRUE(syslogRecords().empty());
+
+    const auto records = sent();
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[0].first, LOG_ERR);
+    EXPECT_TRUE(std::regex_match(records[0].second, std::regex("main TestBody:[0-9]+ -- cannot open plugin: reason\n")))
+        << records[0].second;
+    EXPECT_EQ(records[1], (std::pair<int, std::string>{LOG_ERR, "line one\nline two\n"}));
+    EXPECT_EQ(records[2], (std::pair<int, std::string>{LOG_DEBUG, "odd level\n"}));
 }
 
 TEST_F(LogSyslogOn, ConcurrentWritersNeverCorruptTheBuffer)
@@ -160,41 +122,31 @@ TEST_F(LogSyslogOn, ConcurrentWritersNeverCorruptTheBuffer)
     EXPECT_LE(tokens, 1600u);
 }
 
-TEST_F(LogDebugOff, DebugAndDigitMessagesAreDropped)
+TEST_F(LogDebugOff, DebugAndDigitMessagesAreDroppedAndEveryFlushResetsTheLevel)
 {
-    std::clog << "no level at all" << std::endl;
+    std::clog << LogLevel::Info << "first" << std::endl;
+    std::clog << "second, no level" << std::endl;
+    std::clog << LogLevel::Error << std::flush; // empty: sends nothing, still resets
+    std::clog << "after the empty flush" << std::endl;
     LUMIFLUX_LOG_DIGIT(2, "[lumiflux-player] ") << "Failed to change the state to PAUSED" << std::endl;
     LUMIFLUX_LOG(LogLevel::Debug, "main ") << "debug" << std::endl;
-    EXPECT_TRUE(syslogRecords().empty());
-}
-
-TEST_F(LogDebugOff, TextBeforeALevelChangeIsDroppedAndTextAfterItKept)
-{
+    // Text before a change of level is dropped as it arrives.
     std::clog << "lost " << LogLevel::Error << "kept" << std::endl;
-    const auto records = syslogRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].text, "kept\n");
+    EXPECT_EQ(sent(), (decltype(sent()){{LOG_INFO, "first\n"}, {LOG_ERR, "kept\n"}}));
 }
 
-TEST_F(LogDebugOn, DigitMessageReachesSyslogAsDebugRecordStartingWithTheDigit)
+TEST_F(LogDebugOn, DigitAndUnlevelledMessagesAreKeptAtDebugPriority)
 {
     LUMIFLUX_LOG_DIGIT(2, "[lumiflux-player] ") << "Failed to change the state to PAUSED" << std::endl;
-    const auto records = syslogRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].priority, LOG_DEBUG);
-    EXPECT_TRUE(std::regex_match(records[0].text,
+    std::clog << "plain" << std::endl;
+    const auto records = sent();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].first, LOG_DEBUG);
+    EXPECT_TRUE(std::regex_match(records[0].second,
                                  std::regex("2\\[lumiflux-player\\] TestBody:[0-9]+ -- Failed to change the state "
                                             "to PAUSED\n")))
-        << records[0].text;
-}
-
-TEST_F(LogDebugOn, MessagesWithoutLevelAreKeptAtDebugPriority)
-{
-    std::clog << "plain" << std::endl;
-    const auto records = syslogRecords();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].priority, LOG_DEBUG);
-    EXPECT_EQ(records[0].text, "plain\n");
+        << records[0].second;
+    EXPECT_EQ(records[1], (std::pair<int, std::string>{LOG_DEBUG, "plain\n"}));
 }
 
 TEST_F(LogSyslogOff, NothingIsInstalledAndEverythingGoesToStandardError)

@@ -60,7 +60,6 @@ std::vector<std::string> paths(const std::vector<Plugin>& plugins)
     std::vector<std::string> result;
     for (const auto& p : plugins)
         result.push_back(p.path);
-    std::sort(result.begin(), result.end());
     return result;
 }
 
@@ -124,11 +123,8 @@ TEST(PluginScanMixed, OnlyRealModulesAreKeptAndEachBadFileIsLoggedOnce)
     for (const auto& entry : fs::directory_iterator(dir))
         if (entry.path().filename() == "valid.so" || entry.path().filename() == "linked-module")
             expectedOrder.push_back(entry.path().string());
-    std::vector<std::string> order;
-    for (const auto& plugin : plugins)
-        order.push_back(plugin.path);
-    EXPECT_EQ(order, expectedOrder);
-    EXPECT_EQ(paths(plugins), (std::vector<std::string>{dir + "/linked-module", dir + "/valid.so"}));
+    ASSERT_EQ(expectedOrder.size(), 2u);
+    EXPECT_EQ(paths(plugins), expectedOrder);
     for (const auto& plugin : plugins) {
         ASSERT_NE(plugin.module, nullptr);
         ASSERT_NE(plugin.handle, nullptr);
@@ -142,35 +138,21 @@ TEST(PluginScanMixed, OnlyRealModulesAreKeptAndEachBadFileIsLoggedOnce)
         EXPECT_EQ(moduleSymbol<int (*)()>(plugin, "fixtureEntryCalls")(), 1);
     }
 
-    // Two files cannot be opened: the text file, and the module with a
-    // symbol that nothing defines (every symbol is bound at load time).
-    const auto cannotOpen = syslogRecordsContaining("cannot open plugin: ");
-    ASSERT_EQ(cannotOpen.size(), 2u);
-    const auto textFile = syslogRecordsContaining("readme.txt");
-    ASSERT_EQ(textFile.size(), 1u);
-    EXPECT_EQ(textFile[0].priority, LOG_ERR);
-    EXPECT_TRUE(std::regex_match(textFile[0].text, std::regex("main listPlugins:[0-9]+ -- cannot open plugin: .*"
-                                                              "readme\\.txt.*\n")))
-        << textFile[0].text;
-    const auto unresolved = syslogRecordsContaining("lumifluxFixtureFunctionDefinedNowhere");
-    ASSERT_EQ(unresolved.size(), 1u);
-    EXPECT_EQ(unresolved[0].priority, LOG_ERR);
-    EXPECT_NE(unresolved[0].text.find("cannot open plugin: "), std::string::npos) << unresolved[0].text;
-
-    const auto notModule = syslogRecordsContaining(" is not a lumiflux module");
-    ASSERT_EQ(notModule.size(), 1u);
-    EXPECT_EQ(notModule[0].priority, LOG_ERR);
-    EXPECT_TRUE(std::regex_match(notModule[0].text, std::regex("main listPlugins:[0-9]+ -- " + dir +
-                                                               "/no-entry\\.so is not a lumiflux "
-                                                               "module\n")))
-        << notModule[0].text;
-
-    const auto noModule = syslogRecordsContaining(" returned no module");
-    ASSERT_EQ(noModule.size(), 1u);
-    EXPECT_EQ(noModule[0].priority, LOG_ERR);
-    EXPECT_TRUE(std::regex_match(noModule[0].text,
-                                 std::regex("main listPlugins:[0-9]+ -- " + dir + "/null\\.so returned no module\n")))
-        << noModule[0].text;
+    // Each bad file is logged once at LOG_ERR: the text file and the module
+    // with a symbol that nothing defines (every symbol is bound at load time)
+    // cannot be opened.
+    const std::string prefix = "main listPlugins:[0-9]+ -- ";
+    const std::pair<const char*, std::string> messages[] = {
+        {"readme.txt", prefix + "cannot open plugin: .*readme\\.txt.*\n"},
+        {"lumifluxFixtureFunctionDefinedNowhere", prefix + "cannot open plugin: .*unresolved\\.so.*\n"},
+        {" is not a lumiflux module", prefix + dir + "/no-entry\\.so is not a lumiflux module\n"},
+        {" returned no module", prefix + dir + "/null\\.so returned no module\n"}};
+    for (const auto& [needle, pattern] : messages) {
+        const auto records = syslogRecordsContaining(needle);
+        ASSERT_EQ(records.size(), 1u) << needle;
+        EXPECT_EQ(records[0].priority, LOG_ERR);
+        EXPECT_TRUE(std::regex_match(records[0].text, std::regex(pattern))) << records[0].text;
+    }
     EXPECT_EQ(lumiflux_test::syslogRecords().size(), 4u);
 
     // Later calls return the same list without loading anything again.
