@@ -155,6 +155,18 @@ void Player::Impl::destroyPipeline()
     if (GstElement* fakeSink = videoSinkElement.load())
         g_object_set(fakeSink, "signal-handoffs", FALSE, nullptr);
 
+    // The source goes down first, on its own. Taken down by its bin while
+    // the type of its data is being found, it can deadlock GStreamer 1.22:
+    // the bin holds its lock while it waits for the source's streaming
+    // thread, which waits for the same lock to report the type it found.
+    // Alone, the source's thread finishes that report and stops.
+    Internal::Ref<GstElement> source;
+    {
+        std::lock_guard<std::mutex> lock(sourceMutex);
+        source = std::move(pipelineSource);
+    }
+    if (source)
+        gst_element_set_state(source.get(), GST_STATE_NULL);
     gst_element_set_state(pipe, GST_STATE_NULL);
     // No streaming thread runs any more: none is inside the tag handler.
     {
@@ -223,6 +235,10 @@ void Player::Impl::handleDeepElementAdded(GstBin*, GstBin* subBin, GstElement* e
 
 void Player::Impl::handleSourceSetup(GstBin*, GstElement* source, Impl* impl)
 {
+    {
+        std::lock_guard<std::mutex> lock(impl->sourceMutex);
+        impl->pipelineSource = Internal::Ref<GstElement>::share(source);
+    }
     const char* factoryName = factoryNameOf(source);
     if (factoryName && impl->setupHttpSource(factoryName, source))
         impl->httpSource.store(source);
