@@ -230,7 +230,25 @@ void Player::Impl::handleElementAdded(GstBin*, GstElement* element, Impl* impl)
 
 void Player::Impl::handleDeepElementAdded(GstBin*, GstBin* subBin, GstElement* element, Impl* impl)
 {
+    impl->setupNestedHttpSource(subBin, element);
     handleElementAdded(subBin, element, impl);
+}
+
+void Player::Impl::handleDiscovererElementAdded(GstBin*, GstBin* subBin, GstElement* element, Impl* impl)
+{
+    impl->setupNestedHttpSource(subBin, element);
+}
+
+void Player::Impl::setupNestedHttpSource(GstBin* subBin, GstElement* element)
+{
+    // An HTTP source that a demuxer makes for itself (the fragments of an
+    // adaptive stream) gets the same headers as the main source. The main
+    // source, child of the URI bin, is set up through "source-setup".
+    const char* parentFactory = factoryNameOf(GST_ELEMENT(subBin));
+    if (parentFactory &&
+        (std::strcmp(parentFactory, "urisourcebin") == 0 || std::strcmp(parentFactory, "uridecodebin") == 0))
+        return;
+    setupHttpSource(factoryNameOf(element), element);
 }
 
 void Player::Impl::handleSourceSetup(GstBin*, GstElement* source, Impl* impl)
@@ -249,6 +267,23 @@ void Player::Impl::handleDiscovererSourceSetup(GstDiscoverer*, GstElement* sourc
     const char* factoryName = factoryNameOf(source);
     if (factoryName)
         impl->setupHttpSource(factoryName, source);
+    // The discoverer's demuxers make HTTP sources of their own too: watch
+    // its pipeline (the source's top-level bin, kept for the discoverer's
+    // life) once.
+    GstObject* top = gst_object_get_parent(GST_OBJECT(source));
+    while (top) {
+        GstObject* parent = gst_object_get_parent(top);
+        if (!parent)
+            break;
+        gst_object_unref(top);
+        top = parent;
+    }
+    if (top && GST_IS_BIN(top) && !g_object_get_data(G_OBJECT(top), "lumiflux-watched")) {
+        g_object_set_data(G_OBJECT(top), "lumiflux-watched", impl);
+        g_signal_connect(top, "deep-element-added", G_CALLBACK(&Impl::handleDiscovererElementAdded), impl);
+    }
+    if (top)
+        gst_object_unref(top);
     // Kept so that the destructor can end a discovery stuck on a server that
     // does not answer (see abortDiscoveries).
     std::lock_guard<std::mutex> lock(impl->discovererSourceMutex);

@@ -85,6 +85,8 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     static void handleDeepElementAdded(GstBin* bin, GstBin* subBin, GstElement* element, Impl* impl);
     static void handleElementAdded(GstBin* bin, GstElement* element, Impl* impl);
     static void handleDiscovererSourceSetup(GstDiscoverer* discoverer, GstElement* source, Impl* impl);
+    static void handleDiscovererElementAdded(GstBin* bin, GstBin* subBin, GstElement* element, Impl* impl);
+    void setupNestedHttpSource(GstBin* subBin, GstElement* element);
     bool setupHttpSource(const char* factoryName, GstElement* element);
     bool setupAdaptiveDemuxer(const char* factoryName, GstElement* element);
     void updateHttpHeaders(GstElement* element);

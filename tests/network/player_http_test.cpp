@@ -165,11 +165,20 @@ TEST_F(PlayerHttpHeaders, HlsPlaylistCarriesTheHeaders)
     EXPECT_GE(server.requestsFor("/hls/playlist.m3u8").size(), 2u);
     expectEveryRequestHas("/hls/playlist.m3u8", "User-Agent", "LumifluxHls/1.0");
     expectEveryRequestHas("/hls/playlist.m3u8", "X-Hls", "yes");
-    // Both segments were fetched. The demuxer downloads them itself and has
-    // no header property of any kind, so the application's headers cannot be
-    // handed to it: see the open point of this branch's report.
-    EXPECT_FALSE(server.requestsFor("/hls/segment00000.ts").empty());
-    EXPECT_FALSE(server.requestsFor("/hls/segment00001.ts").empty());
+    // Every segment request carries the User-Agent. The playing pipeline's
+    // demuxer downloads segments with a client of its own that takes over
+    // only the playlist request's User-Agent, Referer and cookies: it has no
+    // header property of any kind, so other headers cannot reach it. The
+    // discoverer's demuxer fetches through HTTP source elements, which get
+    // every header.
+    for (const char* segment : {"/hls/segment00000.ts", "/hls/segment00001.ts"}) {
+        EXPECT_FALSE(server.requestsFor(segment).empty()) << segment;
+        expectEveryRequestHas(segment, "User-Agent", "LumifluxHls/1.0");
+    }
+    const auto first = server.requestsFor("/hls/segment00000.ts");
+    EXPECT_TRUE(std::any_of(first.begin(), first.end(), [](const HttpRequest& r) {
+        return r.header("X-Hls") == "yes";
+    })) << "the discoverer's segment request lacks the application's header";
 }
 
 TEST_F(PlayerHttpHeaders, RequestsAfterSetHttpHeadersCarryTheNewHeaders)
