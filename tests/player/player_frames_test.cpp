@@ -42,7 +42,8 @@ TEST(PlayerFrames, FramesOutliveThePlayer)
         EXPECT_TRUE(session.player.setVideoSink(&sink));
         ASSERT_TRUE(session.start(mediaUri("media.mkv")));
         ASSERT_TRUE(session.listener.waitForState(PlayerState::EOS));
-        for (const auto& track : session.listener.snapshot(session.listener.mediaInfos).back().tracks())
+        const MediaInfo info = session.listener.snapshot(session.listener.mediaInfos).back();
+        for (const auto& track : info.tracks())
             if (track.type() == TrackType::Video)
                 videoTrack = track.id();
         session.player.reset();

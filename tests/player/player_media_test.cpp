@@ -103,9 +103,9 @@ TEST_F(PlayerMedia, TrackListAndSelection)
         EXPECT_EQ(e.error, PlayerError::SelectTracksFailed);
         messages.push_back(e.message);
     }
-    EXPECT_EQ(messages, (std::vector<std::string>{"Trying to select 0 streams", " track id: ",
-                                                  "Trying to select 0 streams", "wn track id: ", "",
-                                                  "Trying to select 0 streams"}));
+    EXPECT_EQ(messages,
+              (std::vector<std::string>{"Trying to select 0 streams", " track id: ", "Trying to select 0 streams",
+                                        "wn track id: ", "", "Trying to select 0 streams"}));
     player.stop();
     ASSERT_TRUE(listener.waitForState(PlayerState::Empty));
 }

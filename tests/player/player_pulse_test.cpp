@@ -43,9 +43,17 @@ public:
             const char* envp[] = {env[0].c_str(), env[1].c_str(), env[2].c_str(), nullptr};
             // Root runs it in per-user mode on purpose: --system would use the
             // machine-wide socket and configuration, not a private server.
-            const char* argv[] = {"pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
-                                  "--log-target=stderr", "-L", "module-null-sink sink_name=lumiflux_null", "-L",
-                                  module.c_str(), nullptr};
+            const char* argv[] = {"pulseaudio",
+                                  "-n",
+                                  "--daemonize=no",
+                                  "--exit-idle-time=-1",
+                                  "--use-pid-file=no",
+                                  "--log-target=stderr",
+                                  "-L",
+                                  "module-null-sink sink_name=lumiflux_null",
+                                  "-L",
+                                  module.c_str(),
+                                  nullptr};
             execvpe("pulseaudio", const_cast<char**>(argv), const_cast<char**>(envp));
             _exit(127);
         }

@@ -30,10 +30,22 @@ class RecordingListener : public PlayerListener {
 public:
     static constexpr std::chrono::seconds kTimeout{30};
 
-    void onMediaInfo(const MediaInfo& info) override { record([&] { mediaInfos.push_back(info); }); }
-    void onTracksSelected(const std::vector<int>& ids) override { record([&] { selections.push_back(ids); }); }
-    void onStateChanged(PlayerState from, PlayerState to) override { record([&] { states.emplace_back(from, to); }); }
-    void onDurationChanged(std::chrono::microseconds d) override { record([&] { durations.push_back(d); }); }
+    void onMediaInfo(const MediaInfo& info) override
+    {
+        record([&] { mediaInfos.push_back(info); });
+    }
+    void onTracksSelected(const std::vector<int>& ids) override
+    {
+        record([&] { selections.push_back(ids); });
+    }
+    void onStateChanged(PlayerState from, PlayerState to) override
+    {
+        record([&] { states.emplace_back(from, to); });
+    }
+    void onDurationChanged(std::chrono::microseconds d) override
+    {
+        record([&] { durations.push_back(d); });
+    }
     void onPositionChanged(std::chrono::microseconds p) override
     {
         record([&] {
@@ -41,7 +53,10 @@ public:
             positionStates.push_back(states.empty() ? PlayerState::Empty : states.back().second);
         });
     }
-    void onBufferingChanged(int percent) override { record([&] { buffering.push_back(percent); }); }
+    void onBufferingChanged(int percent) override
+    {
+        record([&] { buffering.push_back(percent); });
+    }
     void onError(PlayerError error, const std::string& message) override
     {
         record([&] { errors.push_back({error, message}); });
@@ -57,11 +72,15 @@ public:
     {
         return waitFor([&] { return !states.empty() && states.back().second == state; }, timeout);
     }
-    bool waitForError() { return waitFor([&] { return !errors.empty(); }); }
+    bool waitForError()
+    {
+        return waitFor([&] { return !errors.empty(); });
+    }
     bool waitForErrorText(const std::string& message)
     {
         return waitFor([&] {
-            return std::any_of(errors.begin(), errors.end(), [&](const RecordedError& e) { return e.message == message; });
+            return std::any_of(errors.begin(), errors.end(),
+                               [&](const RecordedError& e) { return e.message == message; });
         });
     }
     /**
