@@ -95,6 +95,7 @@ TEST_F(PlayerMedia, TrackListAndSelection)
     player.selectTracks({});
     ASSERT_TRUE(listener.waitForErrorText("Trying to select 0 streams"));
     player.selectTracks({7});
+    ASSERT_TRUE(listener.waitFor([&] { return listener.errors.size() >= 3; }));
     player.selectTracks({5, 25});
     ASSERT_TRUE(listener.waitFor([&] { return listener.errors.size() >= 6; }));
     const auto errors = listener.snapshot(listener.errors);

@@ -145,6 +145,21 @@ struct ListenedPlayer {
         player.pause();
         return listener.waitForState(PlayerState::Playing);
     }
+    /** Plays `uri` from the start to its end (Playing, then EOS); false if it did not get there. */
+    bool playsToEnd(const std::string& uri, const HttpHeaders& headers = {})
+    {
+        {
+            std::lock_guard<std::mutex> lock(listener.mutex);
+            listener.states.clear();
+        }
+        player.play(uri, headers);
+        player.pause();
+        return listener.waitFor([&] {
+            auto& s = listener.states;
+            auto playing = std::find_if(s.begin(), s.end(), [](auto& c) { return c.second == PlayerState::Playing; });
+            return std::any_of(playing, s.end(), [](auto& c) { return c.second == PlayerState::EOS; });
+        });
+    }
 
     RecordingListener listener;
     Player player;
