@@ -1,7 +1,9 @@
 // The application's HTTP headers reach our test server on every request the
 // player makes for a medium: the discoverer's, the progressive download, an
 // HLS playlist and its segments, and those made after setHttpHeaders; and the
-// HTTP log level taken from the environment.
+// HTTP log level taken from the environment. Which header becomes a property,
+// an extra header or is refused is proven element by element, with its log
+// lines, in tests/player/http_headers_test.cpp; here what the wire carries.
 
 #include <algorithm>
 #include <cstdlib>
@@ -84,18 +86,19 @@ TEST_F(PlayerHttpHeaders, HeaderRulesOnEveryRequestOfAProgressiveDownload)
     } cases[] = {
         // Not turned into properties: sent as they are, beside what the HTTP
         // source sends of its own.
-        {"a later header of the same name wins; gzip and keep-alive are plain headers",
+        {"a later header of the same name wins; gzip and \"Close\" are plain headers",
          "/clip1.mkv",
          {{"User-Agent", "LumifluxTest/2.0"},
           {"X-Token", "first"},
           {"X-Token", "second"},
           {"Accept-Encoding", "gzip"},
-          {"Connection", "keep-alive"}},
+          {"Connection", "Close"}},
          [](const HttpRequest& r) {
              EXPECT_EQ(r.header("User-Agent"), "LumifluxTest/2.0");
              EXPECT_EQ(valuesOf(r, "X-Token"), Values{"second"});
              EXPECT_TRUE(carries(r, "Accept-Encoding", "gzip"));
-             EXPECT_TRUE(carries(r, "Connection", "keep-alive"));
+             // Not the special "close": sent as an extra header, in place of the client's own.
+             EXPECT_EQ(valuesOf(r, "Connection"), Values{"Close"});
          }},
         // Keep-alive off: the HTTP client itself says "close", once.
         // Compression off: only identity is accepted, and the header is not
@@ -106,22 +109,6 @@ TEST_F(PlayerHttpHeaders, HeaderRulesOnEveryRequestOfAProgressiveDownload)
          [](const HttpRequest& r) {
              EXPECT_EQ(valuesOf(r, "Connection"), Values{"close"});
              EXPECT_EQ(valuesOf(r, "Accept-Encoding"), Values{"identity"});
-         }},
-        {"\"Close\" is not the special value: sent as an extra header",
-         "/clip2.mkv",
-         {{"Connection", "Close"}},
-         [](const HttpRequest& r) { EXPECT_EQ(valuesOf(r, "Connection"), Values{"Close"}); }},
-        {"headers with line breaks or NUL never arrive",
-         "/clip3.mkv",
-         {{"X-Split", "a\r\nX-Injected: yes"},
-          {"X-Line\nX-Injected", "yes"},
-          {"X-Nul", std::string("a\0b", 3)},
-          {"User-Agent", "Evil\r\nX-Injected: yes"},
-          {"X-Good", "kept"}},
-         [](const HttpRequest& r) {
-             EXPECT_FALSE(r.has("X-Injected") || r.has("X-Split") || r.has("X-Nul"));
-             EXPECT_EQ(r.header("User-Agent").find("Evil"), std::string::npos);
-             EXPECT_EQ(r.header("X-Good"), "kept");
          }},
     };
     for (const auto& c : cases) {

@@ -30,37 +30,21 @@ class RecordingListener : public PlayerListener {
 public:
     static constexpr std::chrono::seconds kTimeout{30};
 
-    void onMediaInfo(const MediaInfo& info) override
-    {
-        record([&] { mediaInfos.push_back(info); });
-    }
-    void onTracksSelected(const std::vector<int>& ids) override
-    {
-        record([&] { selections.push_back(ids); });
-    }
-    void onStateChanged(PlayerState from, PlayerState to) override
-    {
-        record([&] { states.emplace_back(from, to); });
-    }
-    void onDurationChanged(std::chrono::microseconds d) override
-    {
-        record([&] { durations.push_back(d); });
-    }
+    void onMediaInfo(const MediaInfo& info) override { add(mediaInfos, info); }
+    void onTracksSelected(const std::vector<int>& ids) override { add(selections, ids); }
+    void onStateChanged(PlayerState from, PlayerState to) override { add(states, std::pair(from, to)); }
+    void onDurationChanged(std::chrono::microseconds d) override { add(durations, d); }
+    // Each position with the state it was reported in.
     void onPositionChanged(std::chrono::microseconds p) override
     {
-        record([&] {
-            positions.push_back(p);
+        {
+            // Before the position, so that every position read has its state.
+            std::lock_guard<std::mutex> lock(mutex);
             positionStates.push_back(states.empty() ? PlayerState::Empty : states.back().second);
-        });
+        }
+        add(positions, p);
     }
-    void onBufferingChanged(int percent) override
-    {
-        record([&] { buffering.push_back(percent); });
-    }
-    void onError(PlayerError error, const std::string& message) override
-    {
-        record([&] { errors.push_back({error, message}); });
-    }
+    void onError(PlayerError error, const std::string& message) override { add(errors, RecordedError{error, message}); }
 
     /** Waits until `condition` (called under the lock) holds; false on timeout. */
     bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kTimeout)
@@ -116,15 +100,14 @@ public:
     std::vector<std::chrono::microseconds> durations;
     std::vector<std::chrono::microseconds> positions;
     std::vector<PlayerState> positionStates;
-    std::vector<int> buffering;
     std::vector<RecordedError> errors;
 
 private:
-    void record(const std::function<void()>& change)
+    template <typename T, typename V> void add(std::vector<T>& list, V&& value)
     {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            change();
+            list.push_back(std::forward<V>(value));
         }
         changed.notify_all();
     }
