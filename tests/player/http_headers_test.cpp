@@ -23,10 +23,9 @@ using Tevara::Lumiflux::Internal::Ref;
 namespace {
 
 // An element with the "auth-headers" structure property that our HTTP
-// elements carry, and nothing else.
+// elements carry, and nothing else. The value lives in the object's data.
 struct AuthElement {
     GstElement parent;
-    GstStructure* authHeaders;
 };
 struct AuthElementClass {
     GstElementClass parent;
@@ -35,31 +34,17 @@ struct AuthElementClass {
 G_DEFINE_TYPE(AuthElement, auth_element, GST_TYPE_ELEMENT)
 
 void auth_element_init(AuthElement*) {}
-void authSetProperty(GObject* object, guint, const GValue* value, GParamSpec*)
-{
-    auto* self = reinterpret_cast<AuthElement*>(object);
-    if (self->authHeaders)
-        gst_structure_free(self->authHeaders);
-    const GstStructure* s = gst_value_get_structure(value);
-    self->authHeaders = s ? gst_structure_copy(s) : nullptr;
-}
-void authGetProperty(GObject* object, guint, GValue* value, GParamSpec*)
-{
-    gst_value_set_structure(value, reinterpret_cast<AuthElement*>(object)->authHeaders);
-}
-void authFinalize(GObject* object)
-{
-    auto* self = reinterpret_cast<AuthElement*>(object);
-    if (self->authHeaders)
-        gst_structure_free(self->authHeaders);
-    G_OBJECT_CLASS(auth_element_parent_class)->finalize(object);
-}
 void auth_element_class_init(AuthElementClass* klass)
 {
     GObjectClass* object = G_OBJECT_CLASS(klass);
-    object->set_property = authSetProperty;
-    object->get_property = authGetProperty;
-    object->finalize = authFinalize;
+    object->set_property = [](GObject* self, guint, const GValue* value, GParamSpec*) {
+        const GstStructure* s = gst_value_get_structure(value);
+        g_object_set_data_full(self, "auth-headers", s ? gst_structure_copy(s) : nullptr,
+                               reinterpret_cast<GDestroyNotify>(gst_structure_free));
+    };
+    object->get_property = [](GObject* self, guint, GValue* value, GParamSpec*) {
+        gst_value_set_structure(value, static_cast<GstStructure*>(g_object_get_data(self, "auth-headers")));
+    };
     g_object_class_install_property(object, 1,
                                     g_param_spec_boxed("auth-headers", "auth", "auth", GST_TYPE_STRUCTURE,
                                                        static_cast<GParamFlags>(G_PARAM_READWRITE)));
