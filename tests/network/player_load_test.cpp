@@ -27,9 +27,10 @@ protected:
 TEST_F(PlayerLoad, SixteenPlayersPlayAtOnce)
 {
     std::vector<std::unique_ptr<ListenedPlayer>> sessions(16);
+    for (auto& session : sessions)
+        session = std::make_unique<ListenedPlayer>();
     // Four different clips, and the HLS stream for every fourth player.
     for (size_t i = 0; i < sessions.size(); ++i) {
-        sessions[i] = std::make_unique<ListenedPlayer>();
         sessions[i]->player.play(
             server.url(i % 4 == 3 ? "/hls/playlist.m3u8" : "/clip" + std::to_string(i % 4) + ".mkv"));
         sessions[i]->player.pause();
@@ -37,7 +38,8 @@ TEST_F(PlayerLoad, SixteenPlayersPlayAtOnce)
     for (size_t i = 0; i < sessions.size(); ++i) {
         auto& listener = sessions[i]->listener;
         EXPECT_TRUE(listener.waitForState(PlayerState::EOS, 120s)) << "player " << i;
-        EXPECT_TRUE(listener.snapshot(listener.errors).empty()) << "player " << i;
+        const auto errors = listener.snapshot(listener.errors);
+        EXPECT_TRUE(errors.empty()) << "player " << i << ": " << (errors.empty() ? "" : errors[0].message);
         EXPECT_FALSE(listener.snapshot(listener.mediaInfos).empty()) << "player " << i;
     }
 }
