@@ -58,12 +58,10 @@ TEST(HttpTestServer, EachFaultMisbehavesAsConfigured)
     server.setFault("/segments/", HttpFault::NotFound);
 
     std::string out;
-    curl("-o /dev/null -w '%{http_code}' " + server.url("/missing"), &out);
-    EXPECT_EQ(out, "404");
-    curl("-o /dev/null -w '%{http_code}' " + server.url("/broken"), &out);
-    EXPECT_EQ(out, "500");
-    curl("-o /dev/null -w '%{http_code}' " + server.url("/segments/0.ts"), &out);
-    EXPECT_EQ(out, "404");
+    for (const auto& [path, code] : {std::pair{"/missing", "404"}, {"/broken", "500"}, {"/segments/0.ts", "404"}}) {
+        curl("-o /dev/null -w '%{http_code}' " + server.url(path), &out);
+        EXPECT_EQ(out, code) << path;
+    }
 
     // curl: 18 = partial transfer, 56 = failure receiving (reset).
     const int reset = curl("-o /dev/null " + server.url("/reset.bin"), &out);

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 
-#include <cstdlib>
 #include <thread>
 
 #include "test_paths.h"
@@ -23,47 +22,20 @@ void serveNetworkMedia(HttpTestServer& server)
     server.serveDirectory("/hls/", networkMediaDir() + "/hls");
 }
 
-int threadCount()
-{
-    int count = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (const dirent* entry = readdir(dir))
-            if (entry->d_name[0] != '.')
-                ++count;
-        closedir(dir);
-    }
-    return count;
-}
-
 int waitForThreadCount(int limit, std::chrono::milliseconds timeout)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    int count = threadCount();
-    while (count > limit && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        count = threadCount();
-    }
-    return count;
-}
-
-bool playsToEnd(Player& player, RecordingListener& listener, const std::string& uri)
-{
-    {
-        std::lock_guard<std::mutex> lock(listener.mutex);
-        listener.states.clear();
-    }
-    player.play(uri);
-    player.pause();
-    return listener.waitFor([&] {
-        bool playing = false;
-        for (const auto& change : listener.states) {
-            if (change.second == PlayerState::Playing)
-                playing = true;
-            if (playing && change.second == PlayerState::EOS)
-                return true;
+    for (;;) {
+        int count = 0;
+        if (DIR* dir = opendir("/proc/self/task")) {
+            while (const dirent* entry = readdir(dir))
+                count += entry->d_name[0] != '.';
+            closedir(dir);
         }
-        return false;
-    });
+        if (count <= limit || std::chrono::steady_clock::now() >= deadline)
+            return count;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
 }
 
 } // namespace lumiflux_test

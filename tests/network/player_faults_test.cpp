@@ -3,11 +3,13 @@
 // URI. What each fault gives (GStreamer 1.22, libsoup 3) is written next to
 // its case.
 
-#include <chrono>
 #include <netinet/in.h>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -23,7 +25,6 @@ class ClosedPort {
 public:
     ClosedPort()
     {
-        fd = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -33,103 +34,87 @@ public:
         port = ntohs(address.sin_port);
     }
     ~ClosedPort() { close(fd); }
-    int fd = -1;
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
     int port = 0;
 };
 
-class PlayerFaults : public ::testing::Test {
+class PlayerFaults : public ::testing::Test, protected ListenedPlayer {
 protected:
     void SetUp() override
     {
         serveNetworkMedia(server);
         server.serveFile("/bad.mkv", networkMediaDir() + "/clip0.mkv", "video/x-matroska");
         server.serveDirectory("/hls404/", networkMediaDir() + "/hls");
-        player.setListener(&listener);
     }
-    void TearDown() override { player.setListener(nullptr); }
-
-    // Plays `uri`, waits for the first error and returns it.
-    RecordedError firstError(const std::string& uri)
-    {
-        player.play(uri);
-        player.pause();
-        EXPECT_TRUE(listener.waitForError()) << "no error for " << uri;
-        auto errors = listener.snapshot(listener.errors);
-        return errors.empty() ? RecordedError{PlayerError::Unknown, "<none>"} : errors.front();
-    }
-
-    void expectRecovers()
-    {
-        EXPECT_TRUE(playsToEnd(player, listener, server.url("/clip1.mkv"))) << "the player did not recover";
-    }
-
     HttpTestServer server;
-    RecordingListener listener;
-    Player player;
 };
 
-TEST_F(PlayerFaults, NotFound)
-{
-    server.setFault("/bad.mkv", HttpFault::NotFound);
-    const auto error = firstError(server.url("/bad.mkv"));
-    // Resource error NOT_FOUND: "Not Found".
-    EXPECT_EQ(error.error, PlayerError::NotFound) << toString(error.error) << ": " << error.message;
-    EXPECT_NE(error.message.find("Not Found"), std::string::npos) << error.message;
-    expectRecovers();
-}
-
-TEST_F(PlayerFaults, ServerError)
-{
-    server.setFault("/bad.mkv", HttpFault::ServerError);
-    const auto error = firstError(server.url("/bad.mkv"));
-    // Resource error READ: "Internal Server Error".
-    EXPECT_EQ(error.error, PlayerError::ReadFailed) << toString(error.error) << ": " << error.message;
-    EXPECT_NE(error.message.find("Internal Server Error"), std::string::npos) << error.message;
-    expectRecovers();
-}
-
-TEST_F(PlayerFaults, ConnectionRefused)
+TEST_F(PlayerFaults, EachFaultGivesItsErrorAndThePlayerRecovers)
 {
     ClosedPort closed;
-    const auto error = firstError("http://127.0.0.1:" + std::to_string(closed.port) + "/clip0.mkv");
-    // The source's connection failure reaches the bus after the generic
-    // stream error of its streaming loop: "Internal data stream error.".
-    EXPECT_EQ(error.error, PlayerError::StreamFailed) << toString(error.error) << ": " << error.message;
-    EXPECT_NE(error.message.find("Internal data stream error"), std::string::npos) << error.message;
-    expectRecovers();
-}
-
-TEST_F(PlayerFaults, ResetHalfWayThroughTheBody)
-{
-    server.setFault("/bad.mkv", HttpFault::ResetMidBody);
-    const auto error = firstError(server.url("/bad.mkv"));
-    // The source resumes with a range request, which the faulty server does
-    // not honour: resource error SEEK, "Server does not support seeking.".
-    EXPECT_EQ(error.error, PlayerError::SeekFailed) << toString(error.error) << ": " << error.message;
-    EXPECT_NE(error.message.find("does not support seeking"), std::string::npos) << error.message;
-    expectRecovers();
-}
-
-TEST_F(PlayerFaults, RedirectLoop)
-{
-    server.setFault("/bad.mkv", HttpFault::Redirect, "/bad.mkv");
-    const auto error = firstError(server.url("/bad.mkv"));
-    // Resource error READ after too many redirects.
-    EXPECT_EQ(error.error, PlayerError::ReadFailed) << toString(error.error) << ": " << error.message;
-    EXPECT_FALSE(error.message.empty()) << error.message;
-    expectRecovers();
-}
-
-TEST_F(PlayerFaults, PlaylistWhoseSegmentsAreMissing)
-{
-    server.setFault("/hls404/segment00000.ts", HttpFault::NotFound);
-    server.setFault("/hls404/segment00001.ts", HttpFault::NotFound);
-    const auto error = firstError(server.url("/hls404/playlist.m3u8"));
-    // The demuxer gives up with resource error NOT_FOUND, "Couldn't download
-    // fragments": the same code as a missing file.
-    EXPECT_EQ(error.error, PlayerError::NotFound) << toString(error.error) << ": " << error.message;
-    EXPECT_NE(error.message.find("Couldn't download fragments"), std::string::npos) << error.message;
-    expectRecovers();
+    const std::string refused = "http://127.0.0.1:" + std::to_string(closed.port) + "/clip0.mkv";
+    const struct {
+        const char* what;
+        std::vector<const char*> faulty; // paths given `fault`
+        HttpFault fault;
+        std::string uri;
+        PlayerError expected;
+        const char* message; // part of the error's text
+    } cases[] = {
+        // Resource error NOT_FOUND.
+        {"404", {"/bad.mkv"}, HttpFault::NotFound, server.url("/bad.mkv"), PlayerError::NotFound, "Not Found"},
+        // Resource error READ.
+        {"500",
+         {"/bad.mkv"},
+         HttpFault::ServerError,
+         server.url("/bad.mkv"),
+         PlayerError::ReadFailed,
+         "Internal Server Error"},
+        // The source's connection failure reaches the bus after the generic
+        // stream error of its streaming loop.
+        {"connection refused",
+         {},
+         HttpFault::NotFound,
+         refused,
+         PlayerError::StreamFailed,
+         "Internal data stream error."},
+        // The source resumes with a range request, which the faulty server
+        // does not honour: resource error SEEK.
+        {"reset half-way through the body",
+         {"/bad.mkv"},
+         HttpFault::ResetMidBody,
+         server.url("/bad.mkv"),
+         PlayerError::SeekFailed,
+         "Server does not support seeking."},
+        // Resource error READ after too many redirects (to itself).
+        {"redirect loop", {"/bad.mkv"}, HttpFault::Redirect, server.url("/bad.mkv"), PlayerError::ReadFailed, ""},
+        // The demuxer gives up with resource error NOT_FOUND: the same code as
+        // a missing file.
+        {"playlist whose segments are missing",
+         {"/hls404/segment00000.ts", "/hls404/segment00001.ts"},
+         HttpFault::NotFound,
+         server.url("/hls404/playlist.m3u8"),
+         PlayerError::NotFound,
+         "Couldn't download fragments"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        {
+            std::lock_guard<std::mutex> lock(listener.mutex);
+            listener.errors.clear();
+        }
+        for (const char* path : c.faulty)
+            server.setFault(path, c.fault, path);
+        player.play(c.uri);
+        player.pause();
+        ASSERT_TRUE(listener.waitForError());
+        const auto error = listener.snapshot(listener.errors).front();
+        EXPECT_EQ(error.error, c.expected) << toString(error.error) << ": " << error.message;
+        EXPECT_FALSE(error.message.empty());
+        EXPECT_NE(error.message.find(c.message), std::string::npos) << error.message;
+        server.clearFaults();
+        EXPECT_TRUE(playsToEnd(server.url("/clip1.mkv"))) << "the player did not recover";
+    }
 }
 
 TEST_F(PlayerFaults, StalledServerIsLeftPromptlyByStop)
@@ -144,7 +129,7 @@ TEST_F(PlayerFaults, StalledServerIsLeftPromptlyByStop)
     // the stalled source, long before any HTTP timeout.
     const auto start = std::chrono::steady_clock::now();
     server.clearFaults();
-    EXPECT_TRUE(playsToEnd(player, listener, server.url("/clip1.mkv")));
+    EXPECT_TRUE(playsToEnd(server.url("/clip1.mkv")));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
     EXPECT_TRUE(listener.snapshot(listener.errors).empty());
 }

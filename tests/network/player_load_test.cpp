@@ -26,27 +26,22 @@ protected:
 
 TEST_F(PlayerLoad, SixteenPlayersPlayAtOnce)
 {
-    constexpr int kPlayers = 16;
-    std::vector<std::unique_ptr<RecordingListener>> listeners;
-    std::vector<std::unique_ptr<Player>> players;
-    for (int i = 0; i < kPlayers; ++i) {
-        listeners.push_back(std::make_unique<RecordingListener>());
-        players.push_back(std::make_unique<Player>());
-        players.back()->setListener(listeners.back().get());
-    }
+    std::vector<std::unique_ptr<ListenedPlayer>> sessions(16);
+    for (auto& session : sessions)
+        session = std::make_unique<ListenedPlayer>();
     // Four different clips, and the HLS stream for every fourth player.
-    for (int i = 0; i < kPlayers; ++i) {
-        const std::string path = i % 4 == 3 ? "/hls/playlist.m3u8" : "/clip" + std::to_string(i % 4) + ".mkv";
-        players[i]->play(server.url(path));
-        players[i]->pause();
+    for (size_t i = 0; i < sessions.size(); ++i) {
+        sessions[i]->player.play(
+            server.url(i % 4 == 3 ? "/hls/playlist.m3u8" : "/clip" + std::to_string(i % 4) + ".mkv"));
+        sessions[i]->player.pause();
     }
-    for (int i = 0; i < kPlayers; ++i) {
-        EXPECT_TRUE(listeners[i]->waitForState(PlayerState::EOS, 120s)) << "player " << i;
-        EXPECT_TRUE(listeners[i]->snapshot(listeners[i]->errors).empty()) << "player " << i;
-        EXPECT_FALSE(listeners[i]->snapshot(listeners[i]->mediaInfos).empty()) << "player " << i;
+    for (size_t i = 0; i < sessions.size(); ++i) {
+        auto& listener = sessions[i]->listener;
+        EXPECT_TRUE(listener.waitForState(PlayerState::EOS, 120s)) << "player " << i;
+        const auto errors = listener.snapshot(listener.errors);
+        EXPECT_TRUE(errors.empty()) << "player " << i << ": " << (errors.empty() ? "" : errors[0].message);
+        EXPECT_FALSE(listener.snapshot(listener.mediaInfos).empty()) << "player " << i;
     }
-    for (auto& player : players)
-        player->setListener(nullptr);
 }
 
 TEST_F(PlayerLoad, TwoHundredCreatePlayPauseDestroyCycles)
@@ -67,18 +62,14 @@ TEST_F(PlayerLoad, TwoHundredCreatePlayPauseDestroyCycles)
         }
     }
     // The player still works afterwards.
-    RecordingListener listener;
-    Player player;
-    player.setListener(&listener);
-    EXPECT_TRUE(playsToEnd(player, listener, server.url("/clip0.mkv")));
-    player.setListener(nullptr);
+    EXPECT_TRUE(ListenedPlayer().playsToEnd(server.url("/clip0.mkv")));
 }
 
 TEST_F(PlayerLoad, EightApplicationThreadsKeepTheirOrder)
 {
-    RecordingListener listener;
-    Player player;
-    player.setListener(&listener);
+    ListenedPlayer session;
+    RecordingListener& listener = session.listener;
+    Player& player = session.player;
     player.setUri(server.url("/clip0.mkv"));
     player.pause();
     ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
@@ -89,7 +80,7 @@ TEST_F(PlayerLoad, EightApplicationThreadsKeepTheirOrder)
     // tells the identifier back: thread t selects {2 + t, 10 + i} for its
     // i-th call, and the failures of one task arrive together.
     constexpr int kThreads = 8;
-    constexpr int kCalls = 8;
+    constexpr int kCalls = 8; // as many as `inOrder` below lists
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&player, t] {
@@ -110,7 +101,6 @@ TEST_F(PlayerLoad, EightApplicationThreadsKeepTheirOrder)
         return !listener.errors.empty() && listener.errors.back().message == "Trying to select 0 streams" &&
                listener.errors.size() >= static_cast<size_t>(kThreads * kCalls * 3 + 1);
     }));
-    player.setListener(nullptr);
 
     std::vector<int> identifiers;
     for (const auto& error : listener.snapshot(listener.errors)) {
@@ -125,12 +115,9 @@ TEST_F(PlayerLoad, EightApplicationThreadsKeepTheirOrder)
         ASSERT_TRUE(thread >= 0 && thread < kThreads) << identifiers[k];
         callsByThread[thread].push_back(identifiers[k + 1] - 10);
     }
-    for (int t = 0; t < kThreads; ++t) {
-        std::vector<int> expected(kCalls);
-        for (int i = 0; i < kCalls; ++i)
-            expected[i] = i;
-        EXPECT_EQ(callsByThread[t], expected) << "thread " << t;
-    }
+    const std::vector<int> inOrder = {0, 1, 2, 3, 4, 5, 6, 7};
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_EQ(callsByThread[t], inOrder) << "thread " << t;
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 // structure), and an element type of this test with "auth-headers".
 
 #include <cstdlib>
+#include <map>
 #include <string>
 
 #include <gst/gst.h>
@@ -15,15 +16,16 @@
 #include "syslog_capture.h"
 
 using namespace Tevara::Lumiflux;
+using lumiflux_test::clearSyslog;
+using lumiflux_test::syslogRecordsContaining;
 using Tevara::Lumiflux::Internal::Ref;
 
 namespace {
 
 // An element with the "auth-headers" structure property that our HTTP
-// elements carry, and nothing else.
+// elements carry, and nothing else. The value lives in the object's data.
 struct AuthElement {
     GstElement parent;
-    GstStructure* authHeaders;
 };
 struct AuthElementClass {
     GstElementClass parent;
@@ -32,37 +34,23 @@ struct AuthElementClass {
 G_DEFINE_TYPE(AuthElement, auth_element, GST_TYPE_ELEMENT)
 
 void auth_element_init(AuthElement*) {}
-void authSetProperty(GObject* object, guint, const GValue* value, GParamSpec*)
-{
-    auto* self = reinterpret_cast<AuthElement*>(object);
-    if (self->authHeaders)
-        gst_structure_free(self->authHeaders);
-    const GstStructure* s = gst_value_get_structure(value);
-    self->authHeaders = s ? gst_structure_copy(s) : nullptr;
-}
-void authGetProperty(GObject* object, guint, GValue* value, GParamSpec*)
-{
-    gst_value_set_structure(value, reinterpret_cast<AuthElement*>(object)->authHeaders);
-}
-void authFinalize(GObject* object)
-{
-    auto* self = reinterpret_cast<AuthElement*>(object);
-    if (self->authHeaders)
-        gst_structure_free(self->authHeaders);
-    G_OBJECT_CLASS(auth_element_parent_class)->finalize(object);
-}
 void auth_element_class_init(AuthElementClass* klass)
 {
     GObjectClass* object = G_OBJECT_CLASS(klass);
-    object->set_property = authSetProperty;
-    object->get_property = authGetProperty;
-    object->finalize = authFinalize;
+    object->set_property = [](GObject* self, guint, const GValue* value, GParamSpec*) {
+        const GstStructure* s = gst_value_get_structure(value);
+        g_object_set_data_full(self, "auth-headers", s ? gst_structure_copy(s) : nullptr,
+                               reinterpret_cast<GDestroyNotify>(gst_structure_free));
+    };
+    object->get_property = [](GObject* self, guint, GValue* value, GParamSpec*) {
+        gst_value_set_structure(value, static_cast<GstStructure*>(g_object_get_data(self, "auth-headers")));
+    };
     g_object_class_install_property(object, 1,
                                     g_param_spec_boxed("auth-headers", "auth", "auth", GST_TYPE_STRUCTURE,
                                                        static_cast<GParamFlags>(G_PARAM_READWRITE)));
 }
 
-class HttpHeaders : public ::testing::Test {
+class HttpHeaderRules : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
@@ -70,148 +58,133 @@ protected:
         gst_init(nullptr, nullptr);
     }
 
+    // `factory` null: the element type above.
     static Ref<GstElement> make(const char* factory)
     {
-        GstElement* element = gst_element_factory_make(factory, nullptr);
+        GstElement* element = factory ? gst_element_factory_make(factory, nullptr)
+                                      : GST_ELEMENT(g_object_new(auth_element_get_type(), nullptr));
         EXPECT_NE(element, nullptr) << factory << " is missing (scripts/install-deps provides it)";
         return Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(element)));
     }
-    static Ref<GstStructure> structure(GstElement* element, const char* property)
+    template <typename T> static T get(GstElement* element, const char* property)
     {
-        GstStructure* s = nullptr;
-        g_object_get(element, property, &s, nullptr);
-        return Ref<GstStructure>::adopt(s);
-    }
-    static std::string field(GstStructure* s, const char* name)
-    {
-        const gchar* value = s ? gst_structure_get_string(s, name) : nullptr;
-        return value ? value : "<none>";
-    }
-    static bool boolean(GstElement* element, const char* property)
-    {
-        gboolean value = FALSE;
+        T value{};
         g_object_get(element, property, &value, nullptr);
         return value;
     }
+    using Fields = std::map<std::string, std::string>;
+    // The fields of a structure property, which must carry the property's name.
+    static Fields fields(GstElement* element, const char* property)
+    {
+        auto s = Ref<GstStructure>::adopt(get<GstStructure*>(element, property));
+        Fields result;
+        if (!s)
+            return {{"<no structure>", property}};
+        for (int i = 0; i < gst_structure_n_fields(s.get()); ++i) {
+            const char* name = gst_structure_nth_field_name(s.get(), i);
+            const char* value = gst_structure_get_string(s.get(), name);
+            result[name] = value ? value : "<not a string>";
+        }
+        if (std::string(gst_structure_get_name(s.get())) != property)
+            result["<structure name>"] = gst_structure_get_name(s.get());
+        return result;
+    }
+    static std::string string(GstElement* element, const char* property)
+    {
+        gchar* value = get<gchar*>(element, property);
+        std::string text = value ? value : "<none>";
+        g_free(value);
+        return text;
+    }
 };
 
-TEST_F(HttpHeaders, StockHttpSourceGetsPropertiesAndExtraHeaders)
+TEST_F(HttpHeaderRules, StockHttpSourceGetsPropertiesAndExtraHeaders)
 {
     auto src = make("souphttpsrc");
     ASSERT_TRUE(src);
-    ASSERT_TRUE(boolean(src.get(), "keep-alive"));
+    ASSERT_TRUE(get<gboolean>(src.get(), "keep-alive"));
     g_object_set(src.get(), "compress", TRUE, nullptr);
-    lumiflux_test::clearSyslog();
+    clearSyslog();
     Internal::updateHttpHeaders(src.get(), {{"User-Agent", "LumifluxTest/1.0"},
                                             {"Connection", "close"},
                                             {"Accept-Encoding", "identity"},
                                             {"Authorization", "Bearer abc"},
                                             {"X-Trace", "1"},
                                             {"X-Trace", "2"}});
-    gchar* agent = nullptr;
-    g_object_get(src.get(), "user-agent", &agent, nullptr);
-    EXPECT_STREQ(agent, "LumifluxTest/1.0");
-    g_free(agent);
-    EXPECT_FALSE(boolean(src.get(), "keep-alive"));
-    EXPECT_FALSE(boolean(src.get(), "compress"));
-
-    auto extra = structure(src.get(), "extra-headers");
-    ASSERT_TRUE(extra);
-    EXPECT_STREQ(gst_structure_get_name(extra.get()), "extra-headers");
-    EXPECT_EQ(gst_structure_n_fields(extra.get()), 2) << "special headers turned into properties stay out";
-    EXPECT_EQ(field(extra.get(), "Authorization"), "Bearer abc");
-    EXPECT_EQ(field(extra.get(), "X-Trace"), "2") << "a later header of the same name wins";
-    EXPECT_EQ(lumiflux_test::syslogRecordsContaining("updateHttpHeaders:").size(), 1u);
-    EXPECT_EQ(lumiflux_test::syslogRecordsContaining("-- extraHeaders: extra-headers, ").size(), 1u);
+    EXPECT_EQ(string(src.get(), "user-agent"), "LumifluxTest/1.0");
+    EXPECT_FALSE(get<gboolean>(src.get(), "keep-alive"));
+    EXPECT_FALSE(get<gboolean>(src.get(), "compress"));
+    // Special headers turned into properties stay out; a later header of the same name wins.
+    EXPECT_EQ(fields(src.get(), "extra-headers"), (Fields{{"Authorization", "Bearer abc"}, {"X-Trace", "2"}}));
+    EXPECT_EQ(syslogRecordsContaining("updateHttpHeaders:").size(), 1u);
+    EXPECT_EQ(syslogRecordsContaining("-- extraHeaders: extra-headers, ").size(), 1u);
 
     // A second update adds to what is there; an empty one changes nothing.
     Internal::updateHttpHeaders(src.get(), {{"Cookie", "a=b"}});
     Internal::updateHttpHeaders(src.get(), {});
-    extra = structure(src.get(), "extra-headers");
-    EXPECT_EQ(field(extra.get(), "Authorization"), "Bearer abc");
-    EXPECT_EQ(field(extra.get(), "Cookie"), "a=b");
-}
+    EXPECT_EQ(fields(src.get(), "extra-headers"),
+              (Fields{{"Authorization", "Bearer abc"}, {"X-Trace", "2"}, {"Cookie", "a=b"}}));
 
-TEST_F(HttpHeaders, SpecialHeadersWhoseRuleDoesNotApplyAreSentAsHeaders)
-{
-    auto src = make("souphttpsrc");
-    ASSERT_TRUE(src);
+    // Special headers whose rule does not apply are sent as headers.
+    src = make("souphttpsrc");
     Internal::updateHttpHeaders(src.get(), {{"Connection", "Close"}, {"Accept-Encoding", "gzip"}});
-    EXPECT_TRUE(boolean(src.get(), "keep-alive"));
-    auto extra = structure(src.get(), "extra-headers");
-    ASSERT_TRUE(extra);
-    EXPECT_EQ(field(extra.get(), "Connection"), "Close");
-    EXPECT_EQ(field(extra.get(), "Accept-Encoding"), "gzip");
+    EXPECT_TRUE(get<gboolean>(src.get(), "keep-alive"));
+    EXPECT_EQ(fields(src.get(), "extra-headers"), (Fields{{"Connection", "Close"}, {"Accept-Encoding", "gzip"}}));
 }
 
-TEST_F(HttpHeaders, HeadersWithLineBreaksOrNulAreRefused)
+TEST_F(HttpHeaderRules, HeadersWithLineBreaksOrNulAreRefused)
 {
     auto src = make("souphttpsrc");
     ASSERT_TRUE(src);
-    lumiflux_test::clearSyslog();
+    const std::string agent = string(src.get(), "user-agent");
+    clearSyslog();
     Internal::updateHttpHeaders(src.get(), {{"X-Evil", "a\r\nInjected: yes"},
                                             {"X-Bad\n", "v"},
                                             {"User-Agent", std::string("ua\0x", 4)},
                                             {"X-Good", "fine"}});
-    auto extra = structure(src.get(), "extra-headers");
-    ASSERT_TRUE(extra);
-    EXPECT_EQ(gst_structure_n_fields(extra.get()), 1);
-    EXPECT_EQ(field(extra.get(), "X-Good"), "fine");
-    gchar* agent = nullptr;
-    g_object_get(src.get(), "user-agent", &agent, nullptr);
-    EXPECT_STRNE(agent, "ua");
-    g_free(agent);
-    const auto refused = lumiflux_test::syslogRecordsContaining("Refusing HTTP header");
+    EXPECT_EQ(fields(src.get(), "extra-headers"), (Fields{{"X-Good", "fine"}}));
+    EXPECT_EQ(string(src.get(), "user-agent"), agent);
+    const auto refused = syslogRecordsContaining("Refusing HTTP header");
     ASSERT_EQ(refused.size(), 3u);
     EXPECT_EQ(refused[0].text.rfind("2[lumiflux-player] updateHttpHeaders:", 0), 0u) << refused[0].text;
 }
 
-TEST_F(HttpHeaders, AuthHeadersTakePrecedenceAndElementsWithoutEitherDropHeaders)
+TEST_F(HttpHeaderRules, AuthHeadersTakePrecedenceAndElementsWithoutEitherDropHeaders)
 {
-    Ref<GstElement> auth =
-        Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(g_object_new(auth_element_get_type(), nullptr))));
-    Internal::updateHttpHeaders(auth.get(), {{"User-Agent", "ua"}, {"Authorization", "x"}});
-    auto headers = structure(auth.get(), "auth-headers");
-    ASSERT_TRUE(headers);
-    EXPECT_STREQ(gst_structure_get_name(headers.get()), "auth-headers");
     // No "user-agent" property here: the header goes into the structure.
-    EXPECT_EQ(field(headers.get(), "User-Agent"), "ua");
-    EXPECT_EQ(field(headers.get(), "Authorization"), "x");
+    auto auth = make(nullptr);
+    Internal::updateHttpHeaders(auth.get(), {{"User-Agent", "ua"}, {"Authorization", "x"}});
+    EXPECT_EQ(fields(auth.get(), "auth-headers"), (Fields{{"User-Agent", "ua"}, {"Authorization", "x"}}));
 
     auto demux = make("hlsdemux2");
     ASSERT_TRUE(demux);
-    lumiflux_test::clearSyslog();
+    clearSyslog();
     Internal::updateHttpHeaders(demux.get(), {{"Authorization", "x"}});
-    EXPECT_TRUE(lumiflux_test::syslogRecordsContaining("extraHeaders").empty());
+    EXPECT_TRUE(syslogRecordsContaining("extraHeaders").empty());
 }
 
-TEST_F(HttpHeaders, LogLevelFromTheEnvironment)
+TEST_F(HttpHeaderRules, LogLevelFromTheEnvironment)
 {
     auto src = make("souphttpsrc");
     ASSERT_TRUE(src);
-    auto level = [&] {
-        gint value = -1;
-        g_object_get(src.get(), "http-log-level", &value, nullptr);
-        return value;
-    };
+    auto level = [&] { return get<gint>(src.get(), "http-log-level"); };
     g_object_set(src.get(), "http-log-level", 1, nullptr);
     unsetenv("LUMIFLUX_HTTP_LOG_LEVEL");
     Internal::setupHttpLogLevel(src.get());
     EXPECT_EQ(level(), 1);
 
-    lumiflux_test::clearSyslog();
+    clearSyslog();
     setenv("LUMIFLUX_HTTP_LOG_LEVEL", "3", 1);
     Internal::setupHttpLogLevel(src.get());
     EXPECT_EQ(level(), 3);
-    EXPECT_EQ(lumiflux_test::syslogRecordsContaining("setupHttpLogLevel:").size(), 1u);
-    EXPECT_EQ(lumiflux_test::syslogRecordsContaining("-- setting http-log-level to 3\n").size(), 1u);
-
+    EXPECT_EQ(syslogRecordsContaining("setupHttpLogLevel:").size(), 1u);
+    EXPECT_EQ(syslogRecordsContaining("-- setting http-log-level to 3\n").size(), 1u);
     for (const char* bad : {"4", "-1"}) {
-        lumiflux_test::clearSyslog();
+        clearSyslog();
         setenv("LUMIFLUX_HTTP_LOG_LEVEL", bad, 1);
         Internal::setupHttpLogLevel(src.get());
         EXPECT_EQ(level(), 3) << bad;
-        const auto lines = lumiflux_test::syslogRecordsContaining("invalid http-log-level value " + std::string(bad));
+        const auto lines = syslogRecordsContaining("invalid http-log-level value " + std::string(bad));
         ASSERT_EQ(lines.size(), 1u) << bad;
         EXPECT_EQ(lines[0].text[0], '2');
     }
@@ -221,9 +194,9 @@ TEST_F(HttpHeaders, LogLevelFromTheEnvironment)
 
     // An element without the property is left alone.
     auto demux = make("hlsdemux2");
-    lumiflux_test::clearSyslog();
+    clearSyslog();
     Internal::setupHttpLogLevel(demux.get());
-    EXPECT_TRUE(lumiflux_test::syslogRecordsContaining("http-log-level").empty());
+    EXPECT_TRUE(syslogRecordsContaining("http-log-level").empty());
     unsetenv("LUMIFLUX_HTTP_LOG_LEVEL");
 }
 

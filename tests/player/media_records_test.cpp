@@ -95,10 +95,7 @@ TEST_F(MediaRecords, RecordsAreIndependentValues)
     TrackInfo track;
     track.setId(3);
     track.setName("Audio 1 (en)");
-    track.setType(TrackType::Audio);
-    track.setFlags(TrackInfo::FlagSelectedByDefault);
     track.setTag("language-code", std::string("en"));
-
     MediaInfo info;
     info.setUri("file:///a");
     info.setHttpHeaders({{"A", "1"}});
@@ -111,16 +108,9 @@ TEST_F(MediaRecords, RecordsAreIndependentValues)
     EXPECT_EQ(copy.uri(), "file:///a");
     EXPECT_EQ(moved.uri(), "file:///b");
     EXPECT_EQ(info.uri(), "") << "a moved-from record is empty, not broken";
-    ASSERT_EQ(copy.tracks().size(), 1u);
-    EXPECT_EQ(copy.tracks()[0].name(), "Audio 1 (en)");
-    EXPECT_EQ(copy.tracks()[0].lang(), "en");
-    int visited = 0;
-    copy.forEachTrack([&](const TrackInfo& t) {
-        ++visited;
-        EXPECT_EQ(t.id(), 3);
-        EXPECT_EQ(t.type(), TrackType::Audio);
-    });
-    EXPECT_EQ(visited, 1);
+    std::string visited;
+    copy.forEachTrack([&](const TrackInfo& t) { visited += std::to_string(t.id()) + t.name() + t.lang() + ";"; });
+    EXPECT_EQ(visited, "3Audio 1 (en)en;");
 
     // Tags and tracks move in; URI and headers stay.
     MediaInfo fresh;
@@ -129,7 +119,7 @@ TEST_F(MediaRecords, RecordsAreIndependentValues)
     copy.takeTagsAndTracks(std::move(fresh));
     EXPECT_EQ(copy.uri(), "file:///a");
     EXPECT_EQ(copy.httpHeaders().size(), 1u);
-    EXPECT_EQ(copy.tracks().size(), 1u);
+    ASSERT_EQ(copy.tracks().size(), 1u);
     EXPECT_EQ(copy.tracks()[0].id(), 0);
     EXPECT_EQ(copy.tagAsString("title"), "t");
 }

@@ -33,23 +33,20 @@ public:
 
 TEST(PlayerFrames, FramesOutliveThePlayer)
 {
-    RecordingListener listener;
     KeepingSink sink;
     std::vector<VideoFrame> kept;
     std::shared_ptr<YCbCrFrame> view;
     int videoTrack = -1;
     {
-        Player player;
-        player.setListener(&listener);
-        EXPECT_TRUE(player.setVideoSink(&sink));
-        player.play(mediaUri("media.mkv"));
-        player.pause();
-        ASSERT_TRUE(listener.waitForState(PlayerState::EOS));
-        const MediaInfo info = listener.snapshot(listener.mediaInfos).back();
+        ListenedPlayer session;
+        EXPECT_TRUE(session.player.setVideoSink(&sink));
+        ASSERT_TRUE(session.start(mediaUri("media.mkv")));
+        ASSERT_TRUE(session.listener.waitForState(PlayerState::EOS));
+        const MediaInfo info = session.listener.snapshot(session.listener.mediaInfos).back();
         for (const auto& track : info.tracks())
             if (track.type() == TrackType::Video)
                 videoTrack = track.id();
-        player.reset();
+        session.player.reset();
         std::lock_guard<std::mutex> lock(sink.mutex);
         ASSERT_FALSE(sink.prerolls.empty());
         kept = sink.frames;
@@ -70,8 +67,8 @@ TEST(PlayerFrames, FramesOutliveThePlayer)
     }
     // Read the pixels now that the player, its pipeline and its factories are gone.
     ASSERT_TRUE(view);
-    EXPECT_EQ(view->width, 320u);
-    EXPECT_EQ(view->height, 240u);
+    ASSERT_EQ(view->width, 320u);
+    ASSERT_EQ(view->height, 240u);
     std::uint64_t luma = 0;
     for (unsigned row = 0; row < view->height; ++row)
         for (unsigned x = 0; x < view->width; ++x)

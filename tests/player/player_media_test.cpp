@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <set>
 
 #include <gtest/gtest.h>
 
@@ -18,34 +17,25 @@ using namespace lumiflux_test;
 
 namespace {
 
-class PlayerMedia : public ::testing::Test {
+class PlayerMedia : public ::testing::Test, protected ListenedPlayer {
 protected:
-    void SetUp() override { player.setListener(&listener); }
-    void TearDown() override { player.setListener(nullptr); }
-
-    bool waitForErrorText(const std::string& message)
+    // Selects `ids` and returns the next reported selection, sorted.
+    std::vector<int> select(const std::vector<int>& ids)
     {
-        return listener.waitFor([&] {
-            return std::any_of(listener.errors.begin(), listener.errors.end(),
-                               [&](const RecordedError& e) { return e.message == message; });
-        });
+        const size_t before = listener.snapshot(listener.selections).size();
+        player.selectTracks(ids);
+        EXPECT_TRUE(listener.waitFor([&] { return listener.selections.size() > before; }));
+        auto selected = listener.snapshot(listener.selections);
+        auto last = selected.size() > before ? selected.back() : std::vector<int>{};
+        std::sort(last.begin(), last.end());
+        return last;
     }
-
-    RecordingListener listener;
-    Player player;
 };
-
-const TrackInfo* firstOfType(const MediaInfo& info, TrackType type, int skip = 0)
-{
-    for (const auto& track : info.tracks())
-        if (track.type() == type && skip-- == 0)
-            return &track;
-    return nullptr;
-}
 
 TEST_F(PlayerMedia, TrackListAndSelection)
 {
     const std::string uri = mediaUri("media.mkv");
+    clearSyslog();
     player.setUri(uri, {{"X-Test", "1"}});
     player.pause();
     // A stream's tags may reach it after the first track list (the
@@ -59,32 +49,33 @@ TEST_F(PlayerMedia, TrackListAndSelection)
                 return false;
         return true;
     })) << "no track list with every audio and subtitle language";
+    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
+    EXPECT_EQ(syslogRecordsContaining("Starting async src discovery:").size(), 1u) << "a file URI is discovered";
     const MediaInfo info = listener.snapshot(listener.mediaInfos).back();
     EXPECT_EQ(info.uri(), uri);
     ASSERT_EQ(info.httpHeaders().size(), 1u);
     EXPECT_EQ(info.httpHeaders()[0].first, "X-Test");
 
-    // One track per stream; identifiers are stream positions.
+    // One track per stream, identifiers are stream positions: 0 video, 1 and
+    // 2 audio (tagged "en" and "de"), 3 subtitles. Titles count per type and
+    // carry the language.
     ASSERT_EQ(info.tracks().size(), 4u);
-    for (size_t i = 0; i < info.tracks().size(); ++i)
+    const std::vector<std::pair<TrackType, std::string>> expected = {{TrackType::Video, "Video 1"},
+                                                                     {TrackType::Audio, "Audio 1 (en)"},
+                                                                     {TrackType::Audio, "Audio 2 (de)"},
+                                                                     {TrackType::Subtitles, "Subtitles 1 (fr)"}};
+    for (size_t i = 0; i < expected.size(); ++i) {
         EXPECT_EQ(info.tracks()[i].id(), static_cast<int>(i));
-    const TrackInfo* video = firstOfType(info, TrackType::Video);
-    const TrackInfo* audio1 = firstOfType(info, TrackType::Audio);
-    const TrackInfo* audio2 = firstOfType(info, TrackType::Audio, 1);
-    const TrackInfo* text = firstOfType(info, TrackType::Subtitles);
-    ASSERT_TRUE(video && audio1 && audio2 && text);
-    EXPECT_EQ(video->name(), "Video 1");
-    EXPECT_EQ(text->name(), "Subtitles 1 (fr)");
-    // Audio titles count per type and carry the language; the medium tags
-    // the first audio track "en" and the second "de".
-    EXPECT_EQ(audio1->name(), "Audio 1 (en)");
-    EXPECT_EQ(audio2->name(), "Audio 2 (de)");
-    EXPECT_EQ(audio1->lang(), "en");
-    EXPECT_EQ(audio2->tag<std::string>("language-code", "?"), "de");
-    EXPECT_EQ(video->lang(), "");
-    EXPECT_NE(video->codec().find("VP8"), std::string::npos) << video->codec();
+        EXPECT_EQ(info.tracks()[i].type(), expected[i].first) << i;
+        EXPECT_EQ(info.tracks()[i].name(), expected[i].second);
+    }
+    const TrackInfo& video = info.tracks()[0];
+    EXPECT_EQ(info.tracks()[1].lang(), "en");
+    EXPECT_EQ(info.tracks()[2].tag<std::string>("language-code", "?"), "de");
+    EXPECT_EQ(video.lang(), "");
+    EXPECT_NE(video.codec().find("VP8"), std::string::npos) << video.codec();
     // Selected by default: exactly what the collection marks, at least the video.
-    EXPECT_TRUE(video->flags() & TrackInfo::FlagSelectedByDefault);
+    EXPECT_TRUE(video.flags() & TrackInfo::FlagSelectedByDefault);
 
     // Streams switch while data flows: keep the short medium playing.
     player.play();
@@ -92,40 +83,30 @@ TEST_F(PlayerMedia, TrackListAndSelection)
     player.setAutoRepeat(true);
     ASSERT_TRUE(listener.waitFor([&] { return !listener.selections.empty(); }));
     const auto initial = listener.snapshot(listener.selections).back();
-    EXPECT_NE(std::find(initial.begin(), initial.end(), video->id()), initial.end());
-
-    // Two audio identifiers: only the first of them is selected.
-    size_t before = listener.snapshot(listener.selections).size();
-    player.selectTracks({video->id(), audio2->id(), audio1->id()});
-    ASSERT_TRUE(listener.waitFor([&] { return listener.selections.size() > before; }));
-    auto selected = listener.snapshot(listener.selections).back();
-    std::sort(selected.begin(), selected.end());
-    EXPECT_EQ(selected, (std::vector<int>{video->id(), audio2->id()}));
-
-    // And back: a switch is reported again.
-    before = listener.snapshot(listener.selections).size();
-    player.selectTracks({audio1->id(), video->id(), audio2->id()});
-    ASSERT_TRUE(listener.waitFor([&] { return listener.selections.size() > before; }));
-    selected = listener.snapshot(listener.selections).back();
-    std::sort(selected.begin(), selected.end());
-    EXPECT_EQ(selected, (std::vector<int>{video->id(), audio1->id()}));
+    EXPECT_NE(std::find(initial.begin(), initial.end(), 0), initial.end());
+    // Two audio identifiers: only the first of them is selected; and back.
+    EXPECT_EQ(select({0, 2, 1}), (std::vector<int>{0, 2}));
+    EXPECT_EQ(select({1, 0, 2}), (std::vector<int>{0, 1}));
     EXPECT_TRUE(listener.snapshot(listener.errors).empty());
 
-    // Failures, with their texts exactly.
+    // Failures, with their texts exactly: an unknown identifier gives
+    // "Unknown track id: " cut short by the identifier, then the empty
+    // selection's text.
     player.selectTracks({});
-    ASSERT_TRUE(waitForErrorText("Trying to select 0 streams"));
+    ASSERT_TRUE(listener.waitForErrorText("Trying to select 0 streams"));
     player.selectTracks({7});
     ASSERT_TRUE(listener.waitFor([&] { return listener.errors.size() >= 3; }));
-    const auto errors = listener.snapshot(listener.errors);
-    ASSERT_EQ(errors.size(), 3u);
-    for (const auto& e : errors)
-        EXPECT_EQ(e.error, PlayerError::SelectTracksFailed);
-    EXPECT_EQ(errors[1].message, " track id: ");
-    EXPECT_EQ(errors[2].message, "Trying to select 0 streams");
     player.selectTracks({5, 25});
     ASSERT_TRUE(listener.waitFor([&] { return listener.errors.size() >= 6; }));
-    EXPECT_EQ(listener.snapshot(listener.errors)[3].message, "wn track id: ");
-    EXPECT_EQ(listener.snapshot(listener.errors)[4].message, "");
+    const auto errors = listener.snapshot(listener.errors);
+    std::vector<std::string> messages;
+    for (const auto& e : errors) {
+        EXPECT_EQ(e.error, PlayerError::SelectTracksFailed);
+        messages.push_back(e.message);
+    }
+    EXPECT_EQ(messages,
+              (std::vector<std::string>{"Trying to select 0 streams", " track id: ", "Trying to select 0 streams",
+                                        "wn track id: ", "", "Trying to select 0 streams"}));
     player.stop();
     ASSERT_TRUE(listener.waitForState(PlayerState::Empty));
 }
@@ -148,48 +129,42 @@ TEST(PlayerSelection, SelectionDuringThePrerollNeverHangs)
     // Each round once hung about one time in five: the selection crossed the
     // pads being added.
     for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE(round);
         Player player;
         SelectingListener selecting(player);
         player.setListener(&selecting);
         player.setUri(mediaUri("media.mkv"));
         player.pause();
-        ASSERT_TRUE(selecting.waitForState(PlayerState::Paused)) << "round " << round;
-        // The medium's tracks: 0 video, 1 and 2 audio, 3 subtitles.
+        ASSERT_TRUE(selecting.waitForState(PlayerState::Paused));
         ASSERT_TRUE(selecting.waitFor([&] {
-            return !selecting.selections.empty() &&
-                   std::find(selecting.selections.back().begin(), selecting.selections.back().end(), 2) !=
-                       selecting.selections.back().end();
-        })) << "round "
-            << round;
+            const auto& s = selecting.selections;
+            return !s.empty() && std::find(s.back().begin(), s.back().end(), 2) != s.back().end();
+        }));
         player.setListener(nullptr);
     }
 }
 
-TEST_F(PlayerMedia, MissingFileIsNotFoundAndThePlayerStaysUsable)
+TEST_F(PlayerMedia, BrokenFilesGiveTheirErrorAndThePlayerStaysUsable)
 {
-    player.setUri(mediaUri("no-such-file.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForError());
-    const auto error = listener.snapshot(listener.errors).front();
-    EXPECT_EQ(error.error, PlayerError::NotFound) << toString(error.error) << ": " << error.message;
-    EXPECT_FALSE(error.message.empty());
-
-    player.setUri(mediaUri("media.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
-}
-
-TEST_F(PlayerMedia, CorruptFileIsAStreamErrorAndThePlayerStaysUsable)
-{
-    player.play(mediaUri("corrupt.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForError());
-    const auto error = listener.snapshot(listener.errors).front();
-    EXPECT_EQ(error.error, PlayerError::StreamFailed) << toString(error.error) << ": " << error.message;
-
-    player.play(mediaUri("media.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    const struct {
+        const char* file;
+        PlayerError expected;
+    } cases[] = {{"no-such-file.mkv", PlayerError::NotFound}, {"corrupt.mkv", PlayerError::StreamFailed}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file);
+        player.play(mediaUri(c.file));
+        player.pause();
+        ASSERT_TRUE(listener.waitForError());
+        const auto error = listener.snapshot(listener.errors).front();
+        EXPECT_EQ(error.error, c.expected) << toString(error.error) << ": " << error.message;
+        EXPECT_FALSE(error.message.empty());
+        ASSERT_TRUE(start(mediaUri("media.mkv")));
+        player.stop();
+        ASSERT_TRUE(listener.drain(player));
+        std::lock_guard<std::mutex> lock(listener.mutex);
+        listener.errors.clear();
+        listener.states.clear();
+    }
 }
 
 TEST_F(PlayerMedia, TruncatedFileEndsOrFailsButNeverHangs)
@@ -223,9 +198,7 @@ TEST_F(PlayerMedia, FdUriPlaysWithoutDiscovery)
     CountingSink sink;
     player.setVideoSink(&sink);
     clearSyslog();
-    player.play("fd://" + std::to_string(fd));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    ASSERT_TRUE(start("fd://" + std::to_string(fd)));
     ASSERT_TRUE(listener.waitForState(PlayerState::EOS));
     EXPECT_EQ(listener.snapshot(listener.mediaInfos).back().tracks().size(), 4u);
     ASSERT_FALSE(listener.snapshot(listener.durations).empty());
@@ -234,21 +207,10 @@ TEST_F(PlayerMedia, FdUriPlaysWithoutDiscovery)
     EXPECT_TRUE(syslogRecordsContaining("Starting async src discovery:").empty());
     EXPECT_FALSE(syslogRecordsContaining("uri: fd://").empty()) << "debug lines are captured in this scenario";
     player.stop();
-    // The descriptor may be closed only once the Stop task is over, which
-    // the next task's report shows.
-    player.selectTracks({});
-    ASSERT_TRUE(waitForErrorText("Trying to select 0 streams"));
+    // The descriptor may be closed only once the Stop task is over.
+    ASSERT_TRUE(listener.drain(player));
     player.setVideoSink(nullptr);
     ::close(fd);
-}
-
-TEST_F(PlayerMedia, FileUriIsDiscovered)
-{
-    clearSyslog();
-    player.setUri(mediaUri("media.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
-    EXPECT_EQ(syslogRecordsContaining("Starting async src discovery:").size(), 1u);
 }
 
 } // namespace

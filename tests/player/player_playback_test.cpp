@@ -3,12 +3,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
 
 #include <gtest/gtest.h>
 
 #include "recording_listener.h"
-#include "syslog_capture.h"
 
 using namespace std::chrono_literals;
 using namespace lumiflux_test;
@@ -17,25 +15,9 @@ namespace {
 
 constexpr auto kMediaLength = 3s;
 
-class PlayerPlayback : public ::testing::Test {
-protected:
-    void SetUp() override { player.setListener(&listener); }
-    void TearDown() override { player.setListener(nullptr); }
+class PlayerPlayback : public ::testing::Test, protected ListenedPlayer {};
 
-    // Every task before this one has run once the error it provokes arrives:
-    // selecting nothing always fails, on the player thread, in queue order.
-    void waitForQueue()
-    {
-        size_t before = listener.snapshot(listener.errors).size();
-        player.selectTracks({});
-        ASSERT_TRUE(listener.waitFor([&] { return listener.errors.size() > before; }));
-    }
-
-    RecordingListener listener;
-    Player player;
-};
-
-TEST_F(PlayerPlayback, SetUriThenPauseStaysPaused)
+TEST_F(PlayerPlayback, SetUriThenPauseStaysPausedAndStopResetsMuteRepeatAndRate)
 {
     player.setUri(mediaUri("media.mkv"));
     player.pause();
@@ -45,17 +27,36 @@ TEST_F(PlayerPlayback, SetUriThenPauseStaysPaused)
     EXPECT_FALSE(listener.waitForState(PlayerState::Playing, 1500ms));
     EXPECT_EQ(player.getState(), PlayerState::Paused);
     EXPECT_EQ(listener.stateSequence(), std::vector<PlayerState>{PlayerState::Paused});
+
+    player.setMute(true);
+    player.setAutoRepeat(true);
+    player.setPlaybackRate(2.0);
+    ASSERT_TRUE(player.getMute() && player.getAutoRepeat() && player.getPlaybackRate() == 2.0);
+    player.stop();
+    ASSERT_TRUE(listener.drain(player));
+    EXPECT_EQ(player.getState(), PlayerState::Empty);
+    EXPECT_EQ(listener.stateSequence().back(), PlayerState::Empty);
+    EXPECT_FALSE(player.getMute());
+    EXPECT_FALSE(player.getAutoRepeat());
+    EXPECT_EQ(player.getPlaybackRate(), 1.0);
+    // With no pipeline, transport calls do nothing and report nothing.
+    const size_t errors = listener.snapshot(listener.errors).size();
+    const size_t states = listener.snapshot(listener.states).size();
+    player.play();
+    player.pause();
+    player.seek(1s);
+    ASSERT_TRUE(listener.drain(player));
+    EXPECT_EQ(listener.snapshot(listener.errors).size(), errors + 1);
+    EXPECT_EQ(listener.snapshot(listener.states).size(), states);
 }
 
-TEST_F(PlayerPlayback, PlayUriThenPauseStartsOnceTracksAreKnownAndEndsInEos)
+TEST_F(PlayerPlayback, PlayUriThenPauseStartsOnceTracksAreKnownEndsInEosAndSeeks)
 {
-    player.play(mediaUri("media.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    ASSERT_TRUE(start(mediaUri("media.mkv")));
     EXPECT_FALSE(listener.snapshot(listener.mediaInfos).empty()) << "played before the stream collection";
     ASSERT_TRUE(listener.waitForState(PlayerState::EOS));
-    const auto sequence = listener.stateSequence();
-    EXPECT_EQ(sequence, (std::vector<PlayerState>{PlayerState::Paused, PlayerState::Playing, PlayerState::EOS}));
+    EXPECT_EQ(listener.stateSequence(),
+              (std::vector<PlayerState>{PlayerState::Paused, PlayerState::Playing, PlayerState::EOS}));
     EXPECT_EQ(player.getState(), PlayerState::EOS);
 
     // Positions came while playing, rising, and reached the end.
@@ -72,92 +73,44 @@ TEST_F(PlayerPlayback, PlayUriThenPauseStartsOnceTracksAreKnownAndEndsInEos)
     EXPECT_EQ(std::adjacent_find(durations.begin(), durations.end()), durations.end());
     EXPECT_NEAR(std::chrono::duration<double>(durations.back()).count(), 3.0, 0.15);
 
-    // Play after the end: the next pause is a plain pause again.
+    // Play after the end: the next pause is a plain pause again, and no
+    // position is polled while paused.
     player.seek(0us);
     player.play();
     ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
     player.pause();
     ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
-    EXPECT_EQ(listener.stateSequence().back(), PlayerState::Paused);
+    const size_t atPause = listener.snapshot(listener.positions).size();
+    EXPECT_FALSE(listener.waitFor([&] { return listener.positions.size() > atPause; }, 700ms));
+
+    // The first position reported while playing after a seek is where it was asked.
+    player.seek(2s);
+    player.play();
+    size_t first = 0;
+    ASSERT_TRUE(listener.waitFor([&] {
+        for (first = atPause; first < listener.positions.size(); ++first)
+            if (listener.positionStates[first] == PlayerState::Playing)
+                return true;
+        return false;
+    }));
+    const auto landed = listener.snapshot(listener.positions)[first];
+    EXPECT_GE(landed, 2s - 50ms);
+    EXPECT_LT(landed, 2s + 600ms);
 }
 
 TEST_F(PlayerPlayback, AutoRepeatRestartsWithoutEosOrPause)
 {
-    player.play(mediaUri("media.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    ASSERT_TRUE(start(mediaUri("media.mkv")));
     // Set after Init, which resets it for every new medium.
     player.setAutoRepeat(true);
-    EXPECT_TRUE(player.getAutoRepeat());
     ASSERT_TRUE(listener.waitFor([&] {
         const auto& p = listener.positions;
         auto late = std::find_if(p.begin(), p.end(), [](auto v) { return v > kMediaLength - 800ms; });
         return late != p.end() && std::any_of(late, p.end(), [](auto v) { return v < 1s; });
     })) << "the position never returned to the start";
-    const auto sequence = listener.stateSequence();
-    EXPECT_EQ(sequence, (std::vector<PlayerState>{PlayerState::Paused, PlayerState::Playing}));
+    EXPECT_EQ(listener.stateSequence(), (std::vector<PlayerState>{PlayerState::Paused, PlayerState::Playing}));
     player.stop();
     ASSERT_TRUE(listener.waitForState(PlayerState::Empty));
-}
-
-TEST_F(PlayerPlayback, PositionReportedOnceOnPauseAndSeekLandsWhereAsked)
-{
-    player.play(mediaUri("media.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
-    ASSERT_TRUE(listener.waitFor([&] { return listener.positions.size() >= 3; }));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
-    const size_t atPause = listener.snapshot(listener.positions).size();
-    // No polling while paused.
-    EXPECT_FALSE(listener.waitFor([&] { return listener.positions.size() > atPause; }, 700ms));
-
-    player.seek(2s);
-    player.play();
-    ASSERT_TRUE(listener.waitFor([&] {
-        for (size_t i = atPause; i < listener.positions.size(); ++i)
-            if (listener.positionStates[i] == PlayerState::Playing)
-                return true;
-        return false;
-    }));
-    const auto positions = listener.snapshot(listener.positions);
-    const auto states = listener.snapshot(listener.positionStates);
-    for (size_t i = atPause; i < positions.size(); ++i) {
-        if (states[i] != PlayerState::Playing)
-            continue;
-        EXPECT_GE(positions[i], 2s - 50ms) << "first position after the seek";
-        EXPECT_LT(positions[i], 2s + 600ms);
-        break;
-    }
-}
-
-TEST_F(PlayerPlayback, StopResetsMuteRepeatAndRate)
-{
-    player.setUri(mediaUri("media.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
-    player.setMute(true);
-    player.setAutoRepeat(true);
-    player.setPlaybackRate(2.0);
-    EXPECT_TRUE(player.getMute());
-    EXPECT_TRUE(player.getAutoRepeat());
-    EXPECT_EQ(player.getPlaybackRate(), 2.0);
-    player.stop();
-    waitForQueue();
-    EXPECT_EQ(player.getState(), PlayerState::Empty);
-    EXPECT_EQ(listener.stateSequence().back(), PlayerState::Empty);
-    EXPECT_FALSE(player.getMute());
-    EXPECT_FALSE(player.getAutoRepeat());
-    EXPECT_EQ(player.getPlaybackRate(), 1.0);
-    // With no pipeline, transport calls do nothing and report nothing.
-    const size_t errors = listener.snapshot(listener.errors).size();
-    const size_t states = listener.snapshot(listener.states).size();
-    player.play();
-    player.pause();
-    player.seek(1s);
-    waitForQueue();
-    EXPECT_EQ(listener.snapshot(listener.errors).size(), errors + 1);
-    EXPECT_EQ(listener.snapshot(listener.states).size(), states);
 }
 
 } // namespace

@@ -10,14 +10,13 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "recording_listener.h"
-#include "test_paths.h"
 
 using namespace std::chrono_literals;
 using namespace lumiflux_test;
@@ -26,30 +25,10 @@ namespace {
 
 class PulseServer {
 public:
-    PulseServer()
+    PulseServer() : dir(freshDirectory("pulse")), socket(dir + "/native")
     {
-        dir = freshDirectory("pulse");
-        socket = dir + "/native";
-        // Root runs it in per-user mode on purpose: --system would use the
-        // machine-wide socket and configuration, not a private server.
-        std::vector<std::string> args = {"pulseaudio",
-                                         "-n",
-                                         "--daemonize=no",
-                                         "--exit-idle-time=-1",
-                                         "--use-pid-file=no",
-                                         "--log-target=stderr",
-                                         "-L",
-                                         "module-null-sink sink_name=lumiflux_null",
-                                         "-L",
-                                         "module-native-protocol-unix socket=" + socket + " auth-anonymous=1"};
-        std::vector<std::string> env = {"XDG_RUNTIME_DIR=" + dir, "HOME=" + dir, "PATH=" + std::string(getenv("PATH"))};
-        std::vector<char*> argv, envp;
-        for (auto& a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        for (auto& e : env)
-            envp.push_back(e.data());
-        envp.push_back(nullptr);
+        const std::string module = "module-native-protocol-unix socket=" + socket + " auth-anonymous=1";
+        const std::string env[] = {"XDG_RUNTIME_DIR=" + dir, "HOME=" + dir, "PATH=" + std::string(getenv("PATH"))};
         const std::string log = dir + "/pulseaudio.log";
         pid = fork();
         if (pid == 0) {
@@ -61,38 +40,40 @@ public:
                 dup2(fd, 1);
                 dup2(fd, 2);
             }
-            execvpe("pulseaudio", argv.data(), envp.data());
+            const char* envp[] = {env[0].c_str(), env[1].c_str(), env[2].c_str(), nullptr};
+            // Root runs it in per-user mode on purpose: --system would use the
+            // machine-wide socket and configuration, not a private server.
+            const char* argv[] = {"pulseaudio",
+                                  "-n",
+                                  "--daemonize=no",
+                                  "--exit-idle-time=-1",
+                                  "--use-pid-file=no",
+                                  "--log-target=stderr",
+                                  "-L",
+                                  "module-null-sink sink_name=lumiflux_null",
+                                  "-L",
+                                  module.c_str(),
+                                  nullptr};
+            execvpe("pulseaudio", const_cast<char**>(argv), const_cast<char**>(envp));
             _exit(127);
         }
-        started = pid > 0;
     }
     ~PulseServer()
     {
-        if (started) {
+        if (pid > 0) {
             kill(pid, SIGTERM);
-            int status = 0;
-            waitpid(pid, &status, 0);
+            waitpid(pid, nullptr, 0);
         }
     }
-    std::string pactl(const std::string& command)
+    /** Polls pactl with `command` until `predicate` holds on its output (last output in `out`). */
+    bool waitForPactl(const std::string& command, const std::function<bool(const std::string&)>& predicate,
+                      std::string& out, int tries = 300)
     {
-        std::string out;
-        runCommand("PULSE_SERVER=unix:" + socket + " pactl " + command + " 2>&1", &out);
-        return out;
-    }
-    /** Polls until the server answers (it starts in well under a second). */
-    bool waitReady()
-    {
-        for (int i = 0; i < 200 && started; ++i) {
-            int status = 0;
-            if (waitpid(pid, &status, WNOHANG) == pid) {
-                started = false;
-                return false;
-            }
-            std::string out;
-            if (runCommand("PULSE_SERVER=unix:" + socket + " pactl info >/dev/null 2>&1", &out) == 0)
+        for (int i = 0; i < tries && pid > 0; ++i) {
+            runCommand("LC_ALL=C PULSE_SERVER=unix:" + socket + " pactl " + command + " 2>&1", &out);
+            if (predicate(out))
                 return true;
-            std::this_thread::sleep_for(50ms);
+            std::this_thread::sleep_for(100ms);
         }
         return false;
     }
@@ -100,55 +81,35 @@ public:
     std::string dir;
     std::string socket;
     pid_t pid = -1;
-    bool started = false;
 };
 
-// Polls pactl until `predicate` holds on its output.
-template <typename Predicate> bool waitForPactl(PulseServer& server, Predicate predicate, std::string* last)
+auto contains(const std::string& text)
 {
-    for (int i = 0; i < 300; ++i) {
-        *last = server.pactl("list sink-inputs");
-        if (predicate(*last))
-            return true;
-        std::this_thread::sleep_for(100ms);
-    }
-    return false;
+    return [text](const std::string& out) { return out.find(text) != std::string::npos; };
 }
 
 TEST(PlayerPulse, StreamCarriesMediaRoleAndMutes)
 {
     PulseServer server;
-    ASSERT_TRUE(server.started) << "cannot start a process";
-    ASSERT_TRUE(server.waitReady()) << "the private sound server did not start (pulseaudio is installed by "
-                                       "scripts/install-deps); see "
-                                    << server.dir << "/pulseaudio.log";
+    std::string out;
+    ASSERT_TRUE(server.waitForPactl("info", contains("Server Name"), out, 100))
+        << "the private sound server did not start (pulseaudio is installed by scripts/install-deps); see "
+        << server.dir << "/pulseaudio.log\n"
+        << out;
     setenv("PULSE_SERVER", ("unix:" + server.socket).c_str(), 1);
 
-    RecordingListener listener;
-    Player player;
-    player.setListener(&listener);
-    player.play(mediaUri("media.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
-    player.setAutoRepeat(true);
+    ListenedPlayer session;
+    ASSERT_TRUE(session.start(mediaUri("media.mkv")));
+    session.player.setAutoRepeat(true);
 
-    std::string out;
-    ASSERT_TRUE(waitForPactl(
-        server, [](const std::string& o) { return o.find("media.role") != std::string::npos; }, &out))
-        << out;
+    ASSERT_TRUE(server.waitForPactl("list sink-inputs", contains("media.role"), out)) << out;
     EXPECT_NE(out.find("media.role = \"x-tollan\""), std::string::npos) << out;
     EXPECT_NE(out.find("Mute: no"), std::string::npos) << out;
-
-    player.setMute(true);
-    EXPECT_TRUE(waitForPactl(
-        server, [](const std::string& o) { return o.find("Mute: yes") != std::string::npos; }, &out))
-        << out;
-    player.setMute(false);
-    EXPECT_TRUE(waitForPactl(
-        server, [](const std::string& o) { return o.find("Mute: no") != std::string::npos; }, &out))
-        << out;
-    EXPECT_TRUE(listener.snapshot(listener.errors).empty());
-    player.setListener(nullptr);
+    session.player.setMute(true);
+    EXPECT_TRUE(server.waitForPactl("list sink-inputs", contains("Mute: yes"), out)) << out;
+    session.player.setMute(false);
+    EXPECT_TRUE(server.waitForPactl("list sink-inputs", contains("Mute: no"), out)) << out;
+    EXPECT_TRUE(session.listener.snapshot(session.listener.errors).empty());
 }
 
 } // namespace

@@ -3,8 +3,10 @@
 // A PlayerListener that records every call, and lets a test wait (with a
 // generous timeout) until a condition on the record holds.
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -12,6 +14,8 @@
 #include <vector>
 
 #include <lumiflux/player.h>
+
+#include "test_paths.h"
 
 namespace lumiflux_test {
 
@@ -26,37 +30,21 @@ class RecordingListener : public PlayerListener {
 public:
     static constexpr std::chrono::seconds kTimeout{30};
 
-    void onMediaInfo(const MediaInfo& info) override
-    {
-        record([&] { mediaInfos.push_back(info); });
-    }
-    void onTracksSelected(const std::vector<int>& ids) override
-    {
-        record([&] { selections.push_back(ids); });
-    }
-    void onStateChanged(PlayerState from, PlayerState to) override
-    {
-        record([&] { states.emplace_back(from, to); });
-    }
-    void onDurationChanged(std::chrono::microseconds d) override
-    {
-        record([&] { durations.push_back(d); });
-    }
+    void onMediaInfo(const MediaInfo& info) override { add(mediaInfos, info); }
+    void onTracksSelected(const std::vector<int>& ids) override { add(selections, ids); }
+    void onStateChanged(PlayerState from, PlayerState to) override { add(states, std::pair(from, to)); }
+    void onDurationChanged(std::chrono::microseconds d) override { add(durations, d); }
+    // Each position with the state it was reported in.
     void onPositionChanged(std::chrono::microseconds p) override
     {
-        record([&] {
-            positions.push_back(p);
+        {
+            // Before the position, so that every position read has its state.
+            std::lock_guard<std::mutex> lock(mutex);
             positionStates.push_back(states.empty() ? PlayerState::Empty : states.back().second);
-        });
+        }
+        add(positions, p);
     }
-    void onBufferingChanged(int percent) override
-    {
-        record([&] { buffering.push_back(percent); });
-    }
-    void onError(PlayerError error, const std::string& message) override
-    {
-        record([&] { errors.push_back({error, message}); });
-    }
+    void onError(PlayerError error, const std::string& message) override { add(errors, RecordedError{error, message}); }
 
     /** Waits until `condition` (called under the lock) holds; false on timeout. */
     bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kTimeout)
@@ -68,9 +56,26 @@ public:
     {
         return waitFor([&] { return !states.empty() && states.back().second == state; }, timeout);
     }
-    bool waitForError(std::chrono::milliseconds timeout = kTimeout)
+    bool waitForError()
     {
-        return waitFor([&] { return !errors.empty(); }, timeout);
+        return waitFor([&] { return !errors.empty(); });
+    }
+    bool waitForErrorText(const std::string& message)
+    {
+        return waitFor([&] {
+            return std::any_of(errors.begin(), errors.end(),
+                               [&](const RecordedError& e) { return e.message == message; });
+        });
+    }
+    /**
+     * Every task queued on `player` before this call has run once it returns
+     * true: selecting nothing always fails, on the player thread, in queue order.
+     */
+    bool drain(Player& player)
+    {
+        const size_t before = snapshot(errors).size();
+        player.selectTracks({});
+        return waitFor([&] { return errors.size() > before && errors.back().message == "Trying to select 0 streams"; });
     }
     /** Copy of a recorded list, taken under the lock. */
     template <typename T> T snapshot(const T& field)
@@ -95,23 +100,64 @@ public:
     std::vector<std::chrono::microseconds> durations;
     std::vector<std::chrono::microseconds> positions;
     std::vector<PlayerState> positionStates;
-    std::vector<int> buffering;
     std::vector<RecordedError> errors;
 
 private:
-    void record(const std::function<void()>& change)
+    template <typename T, typename V> void add(std::vector<T>& list, V&& value)
     {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            change();
+            list.push_back(std::forward<V>(value));
         }
         changed.notify_all();
     }
 };
 
+/** A player reporting to a RecordingListener for its whole life. */
+struct ListenedPlayer {
+    ListenedPlayer() { player.setListener(&listener); }
+    ~ListenedPlayer() { player.setListener(nullptr); }
+
+    /**
+     * play(uri) then pause(): the player starts once the tracks are known.
+     * Waits for Playing; false if it never came.
+     */
+    bool start(const std::string& uri)
+    {
+        player.play(uri);
+        player.pause();
+        return listener.waitForState(PlayerState::Playing);
+    }
+    /** Plays `uri` from the start to its end (Playing, then EOS); false if it did not get there. */
+    bool playsToEnd(const std::string& uri, const HttpHeaders& headers = {})
+    {
+        {
+            std::lock_guard<std::mutex> lock(listener.mutex);
+            listener.states.clear();
+        }
+        player.play(uri, headers);
+        player.pause();
+        return listener.waitFor([&] {
+            auto& s = listener.states;
+            auto playing = std::find_if(s.begin(), s.end(), [](auto& c) { return c.second == PlayerState::Playing; });
+            return std::any_of(playing, s.end(), [](auto& c) { return c.second == PlayerState::EOS; });
+        });
+    }
+
+    RecordingListener listener;
+    Player player;
+};
+
 /** The directory the media fixture writes into. */
-std::string mediaDir();
+inline std::string mediaDir()
+{
+    const char* dir = std::getenv("LUMIFLUX_TEST_MEDIA_DIR");
+    return dir ? dir : buildDir() + "/player-media";
+}
 /** file:// URI of a medium made by the fixture ("media.mkv", "corrupt.mkv", "truncated.mkv"). */
-std::string mediaUri(const std::string& name);
+inline std::string mediaUri(const std::string& name)
+{
+    return "file://" + mediaDir() + "/" + name;
+}
 
 } // namespace lumiflux_test
