@@ -155,8 +155,8 @@ void Player::Impl::destroyPipeline()
     if (GstElement* fakeSink = videoSinkElement.load())
         g_object_set(fakeSink, "signal-handoffs", FALSE, nullptr);
 
-    // The source goes down first, on its own. Taken down by its bin while
-    // the type of its data is being found, it can deadlock GStreamer 1.22:
+    // An HTTP source goes down first, on its own. Taken down by its bin
+    // while the type of its data is being found, it can deadlock GStreamer 1.22:
     // the bin holds its lock while it waits for the source's streaming
     // thread, which waits for the same lock to report the type it found.
     // Alone, the source's thread finishes that report and stops.
@@ -253,13 +253,14 @@ void Player::Impl::setupNestedHttpSource(GstBin* subBin, GstElement* element)
 
 void Player::Impl::handleSourceSetup(GstBin*, GstElement* source, Impl* impl)
 {
-    {
+    const char* factoryName = factoryNameOf(source);
+    if (factoryName && impl->setupHttpSource(factoryName, source)) {
+        impl->httpSource.store(source);
+        // A network source pushes what it downloads into the type finding
+        // while the pipeline may be taken down: see destroyPipeline.
         std::lock_guard<std::mutex> lock(impl->sourceMutex);
         impl->pipelineSource = Internal::Ref<GstElement>::share(source);
     }
-    const char* factoryName = factoryNameOf(source);
-    if (factoryName && impl->setupHttpSource(factoryName, source))
-        impl->httpSource.store(source);
 }
 
 void Player::Impl::handleDiscovererSourceSetup(GstDiscoverer*, GstElement* source, Impl* impl)

@@ -194,8 +194,8 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     std::mutex audioMuteMutex;
     std::atomic<GstElement*> adaptiveDemuxer{nullptr};
     std::atomic<GstElement*> httpSource{nullptr};
-    // The pipeline's source element, whatever its kind (a reference of our
-    // own): taken down before the pipeline (see destroyPipeline).
+    // The pipeline's HTTP source again, with a reference of our own: taken
+    // down before the pipeline (see destroyPipeline).
     Internal::Ref<GstElement> pipelineSource;
     std::mutex sourceMutex;
 
