@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include <benchmark/benchmark.h>
@@ -174,6 +175,19 @@ void record(benchmark::State& state, const std::string& key, double total, int r
     state.counters[key] = total / runs;
 }
 
+// Runs one playback to its end inside the measured window and adds its CPU
+// seconds per played second to `total`.
+template <typename Playback> void measureCpu(benchmark::State& state, double& total, Playback playToEnd)
+{
+    const double before = cpuSeconds();
+    const auto start = Clock::now();
+    if (!playToEnd())
+        state.SkipWithError("no end of stream");
+    const double cpu = cpuSeconds() - before;
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    total += cpu / kMediaSeconds;
+}
+
 void BM_PlayerCpuPerPlayedSecond(benchmark::State& state)
 {
     double total = 0;
@@ -183,16 +197,12 @@ void BM_PlayerCpuPerPlayedSecond(benchmark::State& state)
         Player player;
         player.setListener(&listener);
         player.setVideoSink(&listener);
-        const double before = cpuSeconds();
-        const auto start = Clock::now();
-        player.play(mediaUri());
-        player.pause();
-        if (!listener.eos.wait())
-            state.SkipWithError("no end of stream");
-        const double cpu = cpuSeconds() - before;
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        measureCpu(state, total, [&] {
+            player.play(mediaUri());
+            player.pause();
+            return listener.eos.wait();
+        });
         player.reset();
-        total += cpu / kMediaSeconds;
         ++runs;
     }
     record(state, "ours_cpu_per_played_s", total, runs);
@@ -203,15 +213,14 @@ void BM_DirectCpuPerPlayedSecond(benchmark::State& state)
     double total = 0;
     int runs = 0;
     for (auto _ : state) {
-        const double before = cpuSeconds();
-        const auto start = Clock::now();
-        DirectPipeline direct;
-        direct.play();
-        if (!direct.waitForEnd())
-            state.SkipWithError("no end of stream");
-        const double cpu = cpuSeconds() - before;
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
-        total += cpu / kMediaSeconds;
+        // Built inside the measured window, taken down after it, as the
+        // player's pipeline is.
+        std::optional<DirectPipeline> direct;
+        measureCpu(state, total, [&] {
+            direct.emplace();
+            direct->play();
+            return direct->waitForEnd();
+        });
         ++runs;
     }
     record(state, "direct_cpu_per_played_s", total, runs);
