@@ -63,6 +63,7 @@ GstBusSyncReply Player::Impl::handleGstMessage(GstBus*, GstMessage* message, gpo
                 << "ERROR from element " << GST_OBJECT_NAME(GST_MESSAGE_SRC(message)) << ": " << error->message
                 << " / domain: " << g_quark_to_string(error->domain) << " / code: " << error->code << std::endl;
             LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Error details: " << (debugText ? debugText : "") << std::endl;
+            impl->pipelineSourceAnswer.failed(GST_MESSAGE_SRC(message));
             impl->onError(error.get());
             break;
         }
@@ -222,6 +223,7 @@ void Player::Impl::applyPlaybackRate()
     // Deliberately an on/off rate: the pipeline either plays at normal speed
     // or holds still; only Seek passes the requested rate itself.
     const double rate = (requested != 0.0 || std::isnan(requested)) ? 1.0 : 0.0;
+    waitForHttpAnswer(pipelineSourceAnswer);
     if (gst_element_seek(pipe, rate, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, GST_SEEK_TYPE_SET, position.load() * 1000,
                          GST_SEEK_TYPE_SET, -1)) {
         appliedPlaybackRate.exchange(rate);

@@ -69,6 +69,7 @@ void Player::Impl::abortDiscoveries()
             return;
         source = GST_ELEMENT(gst_object_ref(discovererSource));
     }
+    waitForHttpAnswer(discovererSourceAnswer);
     GError* error = g_error_new_literal(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ, "Player destroyed");
     gst_element_post_message(source, gst_message_new_error(GST_OBJECT(source), error, "discovery aborted"));
     g_error_free(error);
@@ -89,6 +90,7 @@ void Player::Impl::onDiscovered(GstDiscoverer*, GstDiscovererInfo* info, GError*
             impl->discovererSource = nullptr;
         }
     }
+    impl->discovererSourceAnswer.release();
     impl->discoveryDone.notify_all();
     // Discovery only learns the duration early; playback never depends on it.
     if (error || !info)

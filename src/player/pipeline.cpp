@@ -165,9 +165,12 @@ void Player::Impl::destroyPipeline()
         std::lock_guard<std::mutex> lock(sourceMutex);
         source = std::move(pipelineSource);
     }
-    if (source)
+    if (source) {
+        waitForHttpAnswer(pipelineSourceAnswer);
         gst_element_set_state(source.get(), GST_STATE_NULL);
+    }
     gst_element_set_state(pipe, GST_STATE_NULL);
+    pipelineSourceAnswer.release();
     // No streaming thread runs any more: none is inside the tag handler.
     {
         std::lock_guard<std::mutex> lock(tagWatchMutex);
@@ -256,6 +259,7 @@ void Player::Impl::handleSourceSetup(GstBin*, GstElement* source, Impl* impl)
     const char* factoryName = factoryNameOf(source);
     if (factoryName && impl->setupHttpSource(factoryName, source)) {
         impl->httpSource.store(source);
+        impl->pipelineSourceAnswer.watch(source);
         // A network source pushes what it downloads into the type finding
         // while the pipeline may be taken down: see destroyPipeline.
         std::lock_guard<std::mutex> lock(impl->sourceMutex);
@@ -266,8 +270,8 @@ void Player::Impl::handleSourceSetup(GstBin*, GstElement* source, Impl* impl)
 void Player::Impl::handleDiscovererSourceSetup(GstDiscoverer*, GstElement* source, Impl* impl)
 {
     const char* factoryName = factoryNameOf(source);
-    if (factoryName)
-        impl->setupHttpSource(factoryName, source);
+    if (factoryName && impl->setupHttpSource(factoryName, source))
+        impl->discovererSourceAnswer.watch(source);
     // The discoverer's demuxers make HTTP sources of their own too: watch
     // its pipeline (the source's top-level bin, kept for the discoverer's
     // life) once.
@@ -320,6 +324,15 @@ HttpHeaders Player::Impl::currentHttpHeaders()
 {
     std::lock_guard<std::mutex> lock(mediaMutex);
     return mediaInfo.httpHeaders();
+}
+
+void Player::Impl::waitForHttpAnswer(Internal::HttpAnswerWatch& watch)
+{
+    // Long enough for a server that answers at all; a stalled one is then
+    // cancelled safely, as nothing is being read from it.
+    constexpr auto kAnswerWait = std::chrono::milliseconds(600);
+    if (!watch.waitForAnswer(std::chrono::steady_clock::now() + kAnswerWait))
+        LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "No HTTP answer yet, cancelling the request" << std::endl;
 }
 
 void Player::Impl::updateHttpHeaders(GstElement* element)

@@ -26,6 +26,7 @@
 #include <lumiflux/player.h>
 
 #include "core/glib_ref.h"
+#include "player/http_answer_watch.h"
 #include "player/sink_entry.h"
 
 namespace Tevara::Lumiflux {
@@ -91,6 +92,7 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     bool setupAdaptiveDemuxer(const char* factoryName, GstElement* element);
     void updateHttpHeaders(GstElement* element);
     HttpHeaders currentHttpHeaders();
+    void waitForHttpAnswer(Internal::HttpAnswerWatch& watch);
 
     // ---- bus, state and errors (bus_handler.cpp)
     static GstBusSyncReply handleGstMessage(GstBus* bus, GstMessage* message, gpointer impl);
@@ -198,6 +200,11 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     // down before the pipeline (see destroyPipeline).
     Internal::Ref<GstElement> pipelineSource;
     std::mutex sourceMutex;
+    // Whether the pipeline's and the discoverer's HTTP sources wait for an
+    // answer: neither is flushed or taken down before it has come, for a
+    // short while (see http_answer_watch.h).
+    Internal::HttpAnswerWatch pipelineSourceAnswer;
+    Internal::HttpAnswerWatch discovererSourceAnswer;
 
     GstDiscoverer* discoverer = nullptr;
     // A discovery waits for the pipeline to preroll, and how often it has

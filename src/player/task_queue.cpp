@@ -130,6 +130,7 @@ void Player::Impl::runTask(Task& task)
     case Task::Seek:
         if (!pipe)
             break;
+        waitForHttpAnswer(pipelineSourceAnswer);
         if (!gst_element_seek(pipe, playbackRate.load(), GST_FORMAT_TIME,
                               static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
                               GST_SEEK_TYPE_SET, task.position * 1000, GST_SEEK_TYPE_SET, -1)) {

@@ -1,0 +1,108 @@
+#include "player/http_answer_watch.h"
+
+namespace Tevara::Lumiflux::Internal {
+
+HttpAnswerWatch::~HttpAnswerWatch()
+{
+    release();
+}
+
+void HttpAnswerWatch::watch(GstElement* element)
+{
+    release();
+    Ref<GstPad> sourcePad = Ref<GstPad>::adopt(gst_element_get_static_pad(element, "src"));
+    if (!sourcePad)
+        return;
+    std::lock_guard<std::mutex> lock(mutex);
+    source = Ref<GstElement>::share(element);
+    pad = sourcePad;
+    outstanding = false;
+    // The watch outlives every probe call: the player keeps it until the
+    // source no longer streams (see release), and a call that comes from a
+    // pad no longer watched changes nothing.
+    probe = gst_pad_add_probe(pad.get(),
+                              static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST |
+                                                           GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
+                                                           GST_PAD_PROBE_TYPE_EVENT_FLUSH),
+                              &HttpAnswerWatch::onPadTraffic, this, nullptr);
+}
+
+void HttpAnswerWatch::release()
+{
+    Ref<GstPad> oldPad;
+    gulong oldProbe = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        oldPad = std::move(pad);
+        oldProbe = std::exchange(probe, 0);
+        source.reset();
+        outstanding = false;
+    }
+    answered.notify_all();
+    if (oldPad && oldProbe)
+        gst_pad_remove_probe(oldPad.get(), oldProbe);
+}
+
+void HttpAnswerWatch::failed(GstObject* from)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!source || from != GST_OBJECT(source.get()))
+            return;
+        outstanding = false;
+    }
+    answered.notify_all();
+}
+
+bool HttpAnswerWatch::waitForAnswer(std::chrono::steady_clock::time_point deadline)
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    return answered.wait_until(lock, deadline, [this] { return !outstanding; });
+}
+
+namespace {
+
+// What traffic on the source's pad says of its request: -1 nothing, 0
+// answered (or given up), 1 sent and waiting for the answer.
+int requestStateAfter(GstPadProbeInfo* info)
+{
+    if (!(GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_EVENT_BOTH))
+        return 0; // data: the answer is being read
+    GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+    switch (GST_EVENT_TYPE(event)) {
+    case GST_EVENT_STREAM_START:
+    case GST_EVENT_FLUSH_STOP:
+        // The source sends its request right after either of these.
+        return 1;
+    case GST_EVENT_EOS:
+        return 0;
+    case GST_EVENT_CUSTOM_DOWNSTREAM_STICKY: {
+        // The source pushes the answer's headers once it holds the answer.
+        const GstStructure* structure = gst_event_get_structure(event);
+        return structure && gst_structure_has_name(structure, "http-headers") ? 0 : -1;
+    }
+    default:
+        return -1;
+    }
+}
+
+} // namespace
+
+GstPadProbeReturn HttpAnswerWatch::onPadTraffic(GstPad* pad, GstPadProbeInfo* info, gpointer data)
+{
+    const int state = requestStateAfter(info);
+    if (state < 0)
+        return GST_PAD_PROBE_OK;
+    auto* self = static_cast<HttpAnswerWatch*>(data);
+    {
+        std::lock_guard<std::mutex> lock(self->mutex);
+        if (pad != self->pad.get() || self->outstanding == (state == 1))
+            return GST_PAD_PROBE_OK;
+        self->outstanding = state == 1;
+    }
+    if (state == 0)
+        self->answered.notify_all();
+    return GST_PAD_PROBE_OK;
+}
+
+} // namespace Tevara::Lumiflux::Internal
