@@ -208,7 +208,10 @@ void Player::Impl::pause()
     GstElement* pipe = pipeline.load();
     if (!pipe)
         return;
-    if (gst_element_set_state(pipe, GST_STATE_PAUSED) == GST_STATE_CHANGE_FAILURE) {
+    const GstStateChangeReturn result = gst_element_set_state(pipe, GST_STATE_PAUSED);
+    // Every element has been moved: a held descriptor source may push now.
+    descriptorSourceHold.release();
+    if (result == GST_STATE_CHANGE_FAILURE) {
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Failed to change the state to PAUSED" << std::endl;
         onError(PlayerError::PauseFailed, "");
     }

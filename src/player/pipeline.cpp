@@ -154,6 +154,7 @@ void Player::Impl::destroyPipeline()
         return;
     if (GstElement* fakeSink = videoSinkElement.load())
         g_object_set(fakeSink, "signal-handoffs", FALSE, nullptr);
+    descriptorSourceHold.release();
 
     // An HTTP source goes down first, on its own. Taken down by its bin
     // while the type of its data is being found, it can deadlock GStreamer 1.22:
@@ -257,6 +258,8 @@ void Player::Impl::setupNestedHttpSource(GstBin* subBin, GstElement* element)
 void Player::Impl::handleSourceSetup(GstBin*, GstElement* source, Impl* impl)
 {
     const char* factoryName = factoryNameOf(source);
+    if (factoryName && std::strcmp(factoryName, "fdsrc") == 0)
+        impl->descriptorSourceHold.hold(source);
     if (factoryName && impl->setupHttpSource(factoryName, source)) {
         impl->httpSource.store(source);
         impl->pipelineSourceAnswer.watch(source);

@@ -28,6 +28,7 @@
 #include "core/glib_ref.h"
 #include "player/http_answer_watch.h"
 #include "player/sink_entry.h"
+#include "player/source_start_hold.h"
 
 namespace Tevara::Lumiflux {
 
@@ -205,6 +206,9 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     // short while (see http_answer_watch.h).
     Internal::HttpAnswerWatch pipelineSourceAnswer;
     Internal::HttpAnswerWatch discovererSourceAnswer;
+    // A descriptor source's first data, held until the state change that
+    // started it has reached the decoding bin (see source_start_hold.h).
+    Internal::SourceStartHold descriptorSourceHold;
 
     GstDiscoverer* discoverer = nullptr;
     // A discovery waits for the pipeline to preroll, and how often it has

@@ -109,10 +109,12 @@ void Player::Impl::runTask(Task& task)
         updateHttpHeaders(adaptiveDemuxer.load());
         break;
     }
-    case Task::Play:
+    case Task::Play: {
         if (!pipe)
             break;
-        if (gst_element_set_state(pipe, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        const GstStateChangeReturn result = gst_element_set_state(pipe, GST_STATE_PLAYING);
+        descriptorSourceHold.release(); // see pause()
+        if (result == GST_STATE_CHANGE_FAILURE) {
             LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Failed to change the state to PLAYING" << std::endl;
             onError(PlayerError::PlayFailed, "");
         } else {
@@ -120,6 +122,7 @@ void Player::Impl::runTask(Task& task)
             shouldApplyPlaybackRate.exchange(true);
         }
         break;
+    }
     case Task::Pause:
         pause();
         break;

@@ -1,0 +1,39 @@
+#pragma once
+
+// Holds back the data of a source that pushes as soon as it starts, until the
+// pipeline's state change has reached every element.
+//
+// Why: GStreamer 1.22's URI decoding bin moves its source bin to PAUSED
+// before its decoding bin. A descriptor source starts pushing at once, and
+// when its data reaches the decoding bin's queue before that bin is active,
+// the push fails as "flushing": the source pauses without an error and the
+// preroll never ends. Held until the player's state change returns, the data
+// only meets active elements.
+
+#include <mutex>
+
+#include <gst/gst.h>
+
+#include "core/glib_ref.h"
+
+namespace Tevara::Lumiflux::Internal {
+
+class SourceStartHold {
+public:
+    SourceStartHold() = default;
+    ~SourceStartHold();
+    SourceStartHold(const SourceStartHold&) = delete;
+    SourceStartHold& operator=(const SourceStartHold&) = delete;
+
+    /** Holds the data `source` pushes from now on, in place of any source held before. */
+    void hold(GstElement* source);
+    /** Lets the held data through; nothing is held afterwards. */
+    void release();
+
+private:
+    std::mutex mutex;
+    Ref<GstPad> pad;
+    gulong probe = 0;
+};
+
+} // namespace Tevara::Lumiflux::Internal
