@@ -211,6 +211,7 @@ void Player::Impl::pause()
     const GstStateChangeReturn result = gst_element_set_state(pipe, GST_STATE_PAUSED);
     // Every element has been moved: a held descriptor source may push now.
     descriptorSourceHold.release();
+    watchLocalPreroll(result);
     if (result == GST_STATE_CHANGE_FAILURE) {
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Failed to change the state to PAUSED" << std::endl;
         onError(PlayerError::PauseFailed, "");

@@ -155,6 +155,7 @@ void Player::Impl::destroyPipeline()
     if (GstElement* fakeSink = videoSinkElement.load())
         g_object_set(fakeSink, "signal-handoffs", FALSE, nullptr);
     descriptorSourceHold.release();
+    stopPrerollWatchdog();
 
     // An HTTP source goes down first, on its own. Taken down by its bin
     // while the type of its data is being found, it can deadlock GStreamer 1.22:

@@ -89,6 +89,7 @@ Player::Impl::~Impl()
         g_source_destroy(prerollCheckSource);
         g_source_unref(prerollCheckSource);
     }
+    stopPrerollWatchdog();
     g_main_context_unref(mainContext);
     g_source_unref(positionSource);
     g_source_unref(durationSource);

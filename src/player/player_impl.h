@@ -128,6 +128,9 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     bool pipelinePrerolling();
     void schedulePrerollCheck();
     static gboolean prerollCheck(gpointer impl);
+    void watchLocalPreroll(GstStateChangeReturn stateChange);
+    void stopPrerollWatchdog();
+    static gboolean prerollWatchdog(gpointer impl);
 
     // ---- frames (frame_handoff.cpp)
     static void handleHandoff(GstElement* sink, GstBuffer* buffer, GstPad* pad, Impl* impl);
@@ -222,6 +225,9 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     };
     std::unique_ptr<GList, StreamListFree> pendingSelection;
     GSource* prerollCheckSource = nullptr;
+    // Bounds the preroll of a local medium (player thread only; see
+    // preroll_wait.cpp).
+    GSource* prerollWatchdogSource = nullptr;
     // Discoveries queued and not yet reported. The destructor waits for them
     // before releasing the discoverer: stopping one that is still processing
     // can deadlock inside GStreamer (it changes its pipeline's state under a

@@ -17,6 +17,17 @@ namespace {
 // not keep the duration from being discovered.
 constexpr guint kPrerollCheckMs = 40;
 constexpr int kDiscoveryMaxWaits = 25;
+// A local medium prerolls in well under a second even on a loaded machine.
+// GStreamer 1.22's decoding bin can leave the preroll of a damaged file
+// unfinished for good (every streaming thread idle, no error, no end of
+// stream): past this limit the player reports a stream failure instead of
+// letting the application wait forever.
+constexpr guint kLocalPrerollLimitSeconds = 15;
+
+bool isLocalUri(const std::string& uri)
+{
+    return uri.rfind("file:", 0) == 0 || uri.rfind("fd://", 0) == 0;
+}
 
 } // namespace
 
@@ -56,6 +67,51 @@ gboolean Player::Impl::prerollCheck(gpointer data)
         return G_SOURCE_CONTINUE;
     g_source_unref(impl->prerollCheckSource);
     impl->prerollCheckSource = nullptr;
+    return G_SOURCE_REMOVE;
+}
+
+void Player::Impl::watchLocalPreroll(GstStateChangeReturn stateChange)
+{
+    stopPrerollWatchdog();
+    if (stateChange != GST_STATE_CHANGE_ASYNC)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(mediaMutex);
+        if (!isLocalUri(mediaInfo.uri()))
+            return;
+    }
+    prerollWatchdogSource = g_timeout_source_new_seconds(kLocalPrerollLimitSeconds);
+    g_source_set_callback(prerollWatchdogSource, &Impl::prerollWatchdog, this, nullptr);
+    g_source_attach(prerollWatchdogSource, mainContext);
+}
+
+void Player::Impl::stopPrerollWatchdog()
+{
+    if (!prerollWatchdogSource)
+        return;
+    g_source_destroy(prerollWatchdogSource);
+    g_source_unref(prerollWatchdogSource);
+    prerollWatchdogSource = nullptr;
+}
+
+gboolean Player::Impl::prerollWatchdog(gpointer data)
+{
+    auto* impl = static_cast<Impl*>(data);
+    if (impl->shuttingDown.load())
+        return G_SOURCE_CONTINUE; // the destructor removes the source
+    g_source_unref(impl->prerollWatchdogSource);
+    impl->prerollWatchdogSource = nullptr;
+    // Only a first preroll that never reached PAUSED: a seek prerolls again
+    // from PAUSED and is none of this watchdog's business.
+    GstElement* pipe = impl->pipeline.load();
+    GstState current = GST_STATE_VOID_PENDING;
+    GstState pending = GST_STATE_VOID_PENDING;
+    if (pipe && gst_element_get_state(pipe, &current, &pending, 0) == GST_STATE_CHANGE_ASYNC &&
+        current < GST_STATE_PAUSED) {
+        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Preroll did not complete within " << kLocalPrerollLimitSeconds << " s"
+                                          << std::endl;
+        impl->onError(PlayerError::StreamFailed, "Preroll did not complete");
+    }
     return G_SOURCE_REMOVE;
 }
 

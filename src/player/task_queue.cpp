@@ -114,6 +114,7 @@ void Player::Impl::runTask(Task& task)
             break;
         const GstStateChangeReturn result = gst_element_set_state(pipe, GST_STATE_PLAYING);
         descriptorSourceHold.release(); // see pause()
+        watchLocalPreroll(result);
         if (result == GST_STATE_CHANGE_FAILURE) {
             LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Failed to change the state to PLAYING" << std::endl;
             onError(PlayerError::PlayFailed, "");

@@ -213,4 +213,25 @@ TEST_F(PlayerMedia, FdUriPlaysWithoutDiscovery)
     ::close(fd);
 }
 
+// A local medium whose preroll never ends (here a pipe nobody writes to)
+// is reported as a stream failure after a bounded wait, and the player
+// stays usable.
+TEST_F(PlayerMedia, LocalPrerollThatNeverEndsFails)
+{
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    player.play("fd://" + std::to_string(fds[0]));
+    player.pause();
+    ASSERT_TRUE(listener.waitForError());
+    const auto errors = listener.snapshot(listener.errors);
+    EXPECT_EQ(errors[0].error, PlayerError::StreamFailed);
+    EXPECT_EQ(errors[0].message, "Preroll did not complete");
+    player.stop();
+    ASSERT_TRUE(listener.drain(player));
+    ::close(fds[1]);
+    ::close(fds[0]);
+    EXPECT_TRUE(playsToEnd(mediaUri("media.mkv")));
+}
+
 } // namespace
+
