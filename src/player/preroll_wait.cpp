@@ -108,8 +108,8 @@ gboolean Player::Impl::prerollWatchdog(gpointer data)
     GstState pending = GST_STATE_VOID_PENDING;
     if (pipe && gst_element_get_state(pipe, &current, &pending, 0) == GST_STATE_CHANGE_ASYNC &&
         current < GST_STATE_PAUSED) {
-        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Preroll did not complete within " << kLocalPrerollLimitSeconds << " s"
-                                          << std::endl;
+        LUMIFLUX_LOG_DIGIT(2, kPlayerLog)
+            << "Preroll did not complete within " << kLocalPrerollLimitSeconds << " s" << std::endl;
         impl->onError(PlayerError::StreamFailed, "Preroll did not complete");
     }
     return G_SOURCE_REMOVE;

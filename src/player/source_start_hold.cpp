@@ -27,11 +27,11 @@ void SourceStartHold::hold(GstElement* source)
     // Pushed data only: a pulling peer (type finding in pull mode) must never
     // be blocked, it pulls from the state change itself. A source taken down
     // while held is released by its own deactivation.
-    const gulong id = gst_pad_add_probe(sourcePad.get(),
-                                        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_PUSH |
-                                                                     GST_PAD_PROBE_TYPE_BUFFER |
-                                                                     GST_PAD_PROBE_TYPE_BUFFER_LIST),
-                                        &keepBlocked, nullptr, nullptr);
+    const gulong id =
+        gst_pad_add_probe(sourcePad.get(),
+                          static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_PUSH |
+                                                       GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
+                          &keepBlocked, nullptr, nullptr);
     std::lock_guard<std::mutex> lock(mutex);
     pad = std::move(sourcePad);
     probe = id;

@@ -234,4 +234,3 @@ TEST_F(PlayerMedia, LocalPrerollThatNeverEndsFails)
 }
 
 } // namespace
-
