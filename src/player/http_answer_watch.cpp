@@ -2,45 +2,35 @@
 
 namespace Tevara::Lumiflux::Internal {
 
-HttpAnswerWatch::~HttpAnswerWatch()
-{
-    release();
-}
-
 void HttpAnswerWatch::watch(GstElement* element)
 {
-    release();
-    Ref<GstPad> sourcePad = Ref<GstPad>::adopt(gst_element_get_static_pad(element, "src"));
-    if (!sourcePad)
-        return;
-    std::lock_guard<std::mutex> lock(mutex);
-    source = Ref<GstElement>::share(element);
-    pad = sourcePad;
-    outstanding = false;
     // The watch outlives every probe call: the player keeps it until the
-    // source no longer streams (see release), and a call that comes from a
-    // pad no longer watched changes nothing.
-    probe = gst_pad_add_probe(pad.get(),
-                              static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST |
-                                                           GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM |
-                                                           GST_PAD_PROBE_TYPE_EVENT_FLUSH),
-                              &HttpAnswerWatch::onPadTraffic, this, nullptr);
+    // source no longer streams, and a call that comes from a pad no longer
+    // watched changes nothing.
+    PadProbe probe(element, "src",
+                   static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST |
+                                                GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM | GST_PAD_PROBE_TYPE_EVENT_FLUSH),
+                   &HttpAnswerWatch::onPadTraffic, this);
+    PadProbe previous;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        previous = std::exchange(traffic, std::move(probe));
+        source = traffic ? Ref<GstElement>::share(element) : Ref<GstElement>();
+        outstanding = false;
+    }
+    answered.notify_all();
 }
 
 void HttpAnswerWatch::release()
 {
-    Ref<GstPad> oldPad;
-    gulong oldProbe = 0;
+    PadProbe previous;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        oldPad = std::move(pad);
-        oldProbe = std::exchange(probe, 0);
+        previous = std::move(traffic);
         source.reset();
         outstanding = false;
     }
     answered.notify_all();
-    if (oldPad && oldProbe)
-        gst_pad_remove_probe(oldPad.get(), oldProbe);
 }
 
 void HttpAnswerWatch::failed(GstObject* from)
@@ -96,7 +86,7 @@ GstPadProbeReturn HttpAnswerWatch::onPadTraffic(GstPad* pad, GstPadProbeInfo* in
     auto* self = static_cast<HttpAnswerWatch*>(data);
     {
         std::lock_guard<std::mutex> lock(self->mutex);
-        if (pad != self->pad.get() || self->outstanding == (state == 1))
+        if (pad != self->traffic.padHandle() || self->outstanding == (state == 1))
             return GST_PAD_PROBE_OK;
         self->outstanding = state == 1;
     }

@@ -19,13 +19,13 @@
 #include <gst/gst.h>
 
 #include "core/glib_ref.h"
+#include "core/pad_probe.h"
 
 namespace Tevara::Lumiflux::Internal {
 
 class HttpAnswerWatch {
 public:
     HttpAnswerWatch() = default;
-    ~HttpAnswerWatch();
     HttpAnswerWatch(const HttpAnswerWatch&) = delete;
     HttpAnswerWatch& operator=(const HttpAnswerWatch&) = delete;
 
@@ -52,8 +52,7 @@ private:
     std::mutex mutex;
     std::condition_variable answered;
     Ref<GstElement> source;
-    Ref<GstPad> pad;
-    gulong probe = 0;
+    PadProbe traffic;
     bool outstanding = false;
 };
 

@@ -14,14 +14,13 @@
 
 #include <gst/gst.h>
 
-#include "core/glib_ref.h"
+#include "core/pad_probe.h"
 
 namespace Tevara::Lumiflux::Internal {
 
 class SourceStartHold {
 public:
     SourceStartHold() = default;
-    ~SourceStartHold();
     SourceStartHold(const SourceStartHold&) = delete;
     SourceStartHold& operator=(const SourceStartHold&) = delete;
 
@@ -32,8 +31,7 @@ public:
 
 private:
     std::mutex mutex;
-    Ref<GstPad> pad;
-    gulong probe = 0;
+    PadProbe block;
 };
 
 } // namespace Tevara::Lumiflux::Internal
