@@ -15,7 +15,6 @@ void HttpAnswerWatch::watch(GstElement* element)
     {
         std::lock_guard<std::mutex> lock(mutex);
         previous = std::exchange(traffic, std::move(probe));
-        source = traffic ? Ref<GstElement>::share(element) : Ref<GstElement>();
         outstanding = false;
     }
     answered.notify_all();
@@ -27,7 +26,6 @@ void HttpAnswerWatch::release()
     {
         std::lock_guard<std::mutex> lock(mutex);
         previous = std::move(traffic);
-        source.reset();
         outstanding = false;
     }
     answered.notify_all();
@@ -37,7 +35,9 @@ void HttpAnswerWatch::failed(GstObject* from)
 {
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (!source || from != GST_OBJECT(source.get()))
+        // The watched source is the parent of the pad the probe sits on.
+        GstPad* pad = traffic.padHandle();
+        if (!pad || from != GST_OBJECT_PARENT(pad))
             return;
         outstanding = false;
     }
@@ -81,9 +81,9 @@ int requestStateAfter(GstPadProbeInfo* info)
 GstPadProbeReturn HttpAnswerWatch::onPadTraffic(GstPad* pad, GstPadProbeInfo* info, gpointer data)
 {
     const int state = requestStateAfter(info);
-    if (state < 0)
-        return GST_PAD_PROBE_OK;
     auto* self = static_cast<HttpAnswerWatch*>(data);
+    if (state < 0 || self->outstanding.load() == (state == 1))
+        return GST_PAD_PROBE_OK;
     {
         std::lock_guard<std::mutex> lock(self->mutex);
         if (pad != self->traffic.padHandle() || self->outstanding == (state == 1))

@@ -12,13 +12,13 @@
 // a server that does not answer at all is cancelled safely as well (nothing
 // is being read): the player waits a short, bounded time and then goes on.
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 
 #include <gst/gst.h>
 
-#include "core/glib_ref.h"
 #include "core/pad_probe.h"
 
 namespace Tevara::Lumiflux::Internal {
@@ -51,9 +51,10 @@ private:
 
     std::mutex mutex;
     std::condition_variable answered;
-    Ref<GstElement> source;
     PadProbe traffic;
-    bool outstanding = false;
+    // Written under the mutex; read without it by the probe, which sees
+    // every buffer and returns at once while nothing changes.
+    std::atomic<bool> outstanding{false};
 };
 
 } // namespace Tevara::Lumiflux::Internal

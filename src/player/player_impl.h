@@ -125,7 +125,8 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     void runPendingCleanups();
 
     // ---- work held back while the pipeline prerolls (preroll_wait.cpp)
-    bool pipelinePrerolling();
+    /** True while a state change is pending; `current` receives the state reached so far. */
+    bool pipelinePrerolling(GstState* current = nullptr);
     void schedulePrerollCheck();
     static gboolean prerollCheck(gpointer impl);
     void watchLocalPreroll(GstStateChangeReturn stateChange);

@@ -31,14 +31,17 @@ bool isLocalUri(const std::string& uri)
 
 } // namespace
 
-bool Player::Impl::pipelinePrerolling()
+bool Player::Impl::pipelinePrerolling(GstState* current)
 {
     GstElement* pipe = pipeline.load();
     if (!pipe)
         return false;
-    GstState current = GST_STATE_VOID_PENDING;
+    GstState reached = GST_STATE_VOID_PENDING;
     GstState pending = GST_STATE_VOID_PENDING;
-    return gst_element_get_state(pipe, &current, &pending, 0) == GST_STATE_CHANGE_ASYNC;
+    const bool prerolling = gst_element_get_state(pipe, &reached, &pending, 0) == GST_STATE_CHANGE_ASYNC;
+    if (current)
+        *current = reached;
+    return prerolling;
 }
 
 void Player::Impl::schedulePrerollCheck()
@@ -103,11 +106,8 @@ gboolean Player::Impl::prerollWatchdog(gpointer data)
     impl->prerollWatchdogSource = nullptr;
     // Only a first preroll that never reached PAUSED: a seek prerolls again
     // from PAUSED and is none of this watchdog's business.
-    GstElement* pipe = impl->pipeline.load();
     GstState current = GST_STATE_VOID_PENDING;
-    GstState pending = GST_STATE_VOID_PENDING;
-    if (pipe && gst_element_get_state(pipe, &current, &pending, 0) == GST_STATE_CHANGE_ASYNC &&
-        current < GST_STATE_PAUSED) {
+    if (impl->pipelinePrerolling(&current) && current < GST_STATE_PAUSED) {
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog)
             << "Preroll did not complete within " << kLocalPrerollLimitSeconds << " s" << std::endl;
         impl->onError(PlayerError::StreamFailed, "Preroll did not complete");
