@@ -11,20 +11,53 @@
 //   digit. The digit becomes the first character of the record and the
 //   pending level stays Debug, so these lines are debug-only on purpose.
 
+#include <cstdint>
+#include <cstdio>
 #include <iostream>
+#include <string>
 
 #include <lumiflux/log.h>
 
 namespace Tevara::Lumiflux::Internal {
 
-inline std::ostream& logWithLevel(const LogLevel& level, const char* component, const char* function, int line)
+// std::clog's format state (base, show-base, width) is shared by every thread
+// that logs. Inserting a pointer with << switches it to hexadecimal for a
+// moment, and a line number that another thread inserted in that moment came
+// out as "0xcf". So nothing the library logs reads or changes that state
+// more than it must: the head of each line is formatted here into a string of
+// its own and written as text, and pointers go through LogPointer.
+inline std::string logHead(const char* component, const char* function, int line)
 {
-    return std::clog << level << component << function << ":" << line << " -- ";
+    std::string head(component);
+    head += function;
+    head += ':';
+    head += std::to_string(line);
+    head += " -- ";
+    return head;
 }
 
+inline std::ostream& logWithLevel(const LogLevel& level, const char* component, const char* function, int line)
+{
+    return std::clog << level << logHead(component, function, line);
+}
+
+// The digit is written as text: the pending level of the line stays Debug.
 inline std::ostream& logWithDigit(int digit, const char* component, const char* function, int line)
 {
-    return std::clog << digit << component << function << ":" << line << " -- ";
+    return std::clog << (std::to_string(digit) + logHead(component, function, line));
+}
+
+/** A pointer for a log line, as "0x..." text; never insert a raw pointer into std::clog. */
+struct LogPointer {
+    const void* pointer;
+};
+
+inline std::ostream& operator<<(std::ostream& stream, LogPointer value)
+{
+    char text[2 + 2 * sizeof(void*) + 1];
+    std::snprintf(text, sizeof text, "0x%jx",
+                  static_cast<std::uintmax_t>(reinterpret_cast<std::uintptr_t>(value.pointer)));
+    return stream << text;
 }
 
 } // namespace Tevara::Lumiflux::Internal

@@ -205,7 +205,7 @@ void Player::Impl::handleElementAdded(GstBin*, GstElement* element, Impl* impl)
     g_autofree gchar* name = gst_element_get_name(element);
     const char* factoryName = factoryNameOf(element);
     LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "added element " << (factoryName ? factoryName : "") << " name " << name << " "
-                                      << static_cast<const void*>(element) << std::endl;
+                                      << Internal::LogPointer{element} << std::endl;
 
     if (impl->setupAdaptiveDemuxer(factoryName, element)) {
         impl->adaptiveDemuxer.store(element);

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
 #include <iostream>
+#include <mutex>
 #include <regex>
 #include <sstream>
 #include <syslog.h>
@@ -164,6 +166,77 @@ TEST_F(LogSyslogOff, NothingIsInstalledAndEverythingGoesToStandardError)
     EXPECT_TRUE(std::regex_search(err, std::regex("0main TestBody:[0-9]+ -- debug digit\n"))) << err;
     EXPECT_TRUE(std::regex_search(err, std::regex("\nmain TestBody:[0-9]+ -- error level\n"))) << err;
     EXPECT_NE(err.find("debug level\n"), std::string::npos) << err;
+}
+
+// Records every run of characters the stream hands over, under a lock of its
+// own, so that the test reads exactly what each insertion produced.
+class ChunkRecorder : public std::streambuf {
+public:
+    std::vector<std::string> chunks()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return recorded;
+    }
+
+protected:
+    int overflow(int c) override
+    {
+        if (c != traits_type::eof())
+            record(std::string(1, static_cast<char>(c)));
+        return c;
+    }
+    std::streamsize xsputn(const char* s, std::streamsize n) override
+    {
+        record(std::string(s, static_cast<std::size_t>(n)));
+        return n;
+    }
+
+private:
+    void record(std::string text)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        recorded.push_back(std::move(text));
+    }
+    std::mutex mutex;
+    std::vector<std::string> recorded;
+};
+
+void logLineNumbers(int count)
+{
+    for (int i = 0; i < count; ++i)
+        LUMIFLUX_LOG_DIGIT(0, "main ") << "value " << 207 << std::endl;
+}
+
+TEST(LogFormat, PointersOnOneThreadNeverTurnAnotherThreadsNumbersHexadecimal)
+{
+    using Tevara::Lumiflux::Internal::LogPointer;
+    ChunkRecorder recorder;
+    std::streambuf* previous = std::clog.rdbuf(&recorder);
+    const auto* pointer = reinterpret_cast<const void*>(std::uintptr_t{0xdeadbeef0});
+    constexpr int count = 100000;
+    std::thread numbers(logLineNumbers, count);
+    for (int i = 0; i < count; ++i)
+        LUMIFLUX_LOG_DIGIT(0, "main ") << LogPointer{pointer} << std::endl;
+    numbers.join();
+    std::clog.rdbuf(previous);
+
+    // Interleaved text is accepted; a number in another base is not. The
+    // only hexadecimal text written is the pointer.
+    int pointers = 0;
+    int values = 0;
+    int heads = 0;
+    std::vector<std::string> otherHex;
+    for (const std::string& chunk : recorder.chunks()) {
+        heads += chunk.find("logLineNumbers") != std::string::npos;
+        pointers += chunk == "0xdeadbeef0";
+        values += chunk == "207";
+        if (chunk != "0xdeadbeef0" && chunk.find("0x") != std::string::npos)
+            otherHex.push_back(chunk);
+    }
+    EXPECT_TRUE(otherHex.empty()) << otherHex.size() << " numbers written in hexadecimal, first: " << otherHex.front();
+    EXPECT_EQ(pointers, count);
+    EXPECT_EQ(values, count);
+    EXPECT_EQ(heads, count);
 }
 
 } // namespace
