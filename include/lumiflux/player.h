@@ -8,6 +8,14 @@
  * records a value and, where the pipeline must change, queues a task that
  * the player's thread runs in order. What happens is reported back through
  * a PlayerListener; decoded video frames go to a VideoSink.
+ *
+ * A first program:
+ * @code
+ * Player player;
+ * player.setListener(&myListener);      // outlives the player, or is cleared first
+ * player.play("/home/me/clip.mkv", {}); // an absolute path or a URI
+ * player.play();                        // needed: see play(uri, headers)
+ * @endcode
  */
 
 #include <chrono>
@@ -28,7 +36,15 @@ namespace Tevara::Lumiflux {
 /**
  * Receives what a player reports. The player calls it from its own thread and
  * from GStreamer's streaming threads, one call at a time (under the player's
- * listener lock). A callback must not call Player::setListener().
+ * listener lock).
+ *
+ * From inside a callback the application may call any Player operation of
+ * the player that calls it: operations queue their work (a task queued on
+ * the player's thread runs on the loop's next turn, never inside the
+ * callback), setListener() replaces the listener at once, and destroying the
+ * player is allowed: the destructor then lets go of the listener and the
+ * sink before it returns and finishes the teardown on a thread of its own.
+ * A callback should not block: the player's thread or a stream waits for it.
  */
 class LUMIFLUX_EXPORT PlayerListener {
 public:
@@ -49,7 +65,14 @@ public:
     virtual void onError(PlayerError error, const std::string& message);
 };
 
-/** One decoded video frame handed to the application. */
+/**
+ * One decoded video frame handed to the application.
+ *
+ * The player's frames are always NV12 (`format` is fourcc 'NV12'): plane 0
+ * holds `width` luma samples per row (one byte each), plane 1 holds
+ * `width / 2` interleaved Cb/Cr pairs per row (`width` bytes) for `height / 2`
+ * rows. Rows may be padded: use the strides of the mapped view.
+ */
 struct VideoFrame {
     /** The track the frame belongs to (a TrackInfo id), -1 when no video track is known yet. */
     int trackId = -1;
@@ -70,6 +93,13 @@ struct VideoFrame {
 /**
  * Receives decoded frames. Called on a GStreamer streaming thread, never
  * under the listener lock; it should return quickly (the stream waits).
+ *
+ * Lifetime: Player::setVideoSink() (with another sink or null) waits for a
+ * call to the previous sink that is under way, then returns; from then on
+ * the previous sink is never called again and may be destroyed. Called from
+ * inside the sink's own onFrame(), it does not wait (the caller is that
+ * call). Do not call setVideoSink() while holding a lock that onFrame()
+ * takes. Destroying the player has the same effect.
  */
 class LUMIFLUX_EXPORT VideoSink {
 public:
@@ -86,20 +116,45 @@ class LUMIFLUX_EXPORT Player {
 public:
     /** Starts the player's thread. Throws std::system_error when the thread cannot be started. */
     Player();
-    /** Stops the thread (tasks still queued are dropped unrun) and tears the pipeline down. */
+    /**
+     * Stops the thread (tasks still queued are dropped unrun) and tears the
+     * pipeline down. May be called from inside one of this player's listener
+     * or sink callbacks: the listener and the sink are then never called
+     * again once it returns, and the teardown finishes on a thread of its own
+     * shortly after (it cannot wait for the thread that runs the callback).
+     */
     ~Player();
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
     Player(Player&&) = delete;
     Player& operator=(Player&&) = delete;
 
-    /** Sets (or clears, with null) the listener; returns after any running callback has finished. */
+    /**
+     * Sets (or clears, with null) the listener; returns after any running
+     * callback has finished. Called from inside one of this player's
+     * callbacks, it takes effect at once without waiting.
+     */
     void setListener(PlayerListener* listener);
-    /** Sets (or clears, with null) the frame receiver; returns true. */
+    /**
+     * Sets (or clears, with null) the frame receiver; returns true once a call
+     * to the previous sink under way has finished (see VideoSink).
+     */
     bool setVideoSink(VideoSink* sink);
-    /** Loads a medium and stays stopped; pause() or play() starts it. */
+    /**
+     * Loads a medium and stays stopped; pause() or play() starts it.
+     *
+     * `uri` is a URI (file://, http://, https://, fd://N, ...) or an absolute
+     * file path, which is taken as the file:// URI of that file. Anything
+     * else is reported at once as PlayerError::NotFound, with a message that
+     * names the string.
+     */
     void setUri(std::string_view uri, const HttpHeaders& headers = {});
-    /** Loads a medium and starts playing as soon as its tracks are known (after play() or pause()). */
+    /**
+     * Loads a medium (as setUri() does) and plays it as soon as its tracks
+     * are known. The pipeline it builds waits in GStreamer's NULL state until
+     * a play() or pause() task moves it, so call play() or pause() after it:
+     * `player.play(uri, headers); player.play();`.
+     */
     void play(std::string_view uri, const HttpHeaders& headers = {});
     /** Replaces the HTTP request headers, also on a running stream's HTTP elements. */
     void setHttpHeaders(const HttpHeaders& headers);
@@ -118,7 +173,15 @@ public:
      * wins). Failures are reported as PlayerError::SelectTracksFailed.
      */
     void selectTracks(const std::vector<int>& trackIds);
-    /** Requests a playback rate; 0 pauses the clock, any other value plays at normal speed. */
+    /**
+     * Records the rate that the next seek() uses. On its own it switches the
+     * running pipeline only between normal speed (any non-zero rate) and a
+     * zero rate, at the current position: to play at 2x, call
+     * setPlaybackRate(2.0) and then seek() to the current position. A rate of
+     * 0 is passed to GStreamer as it is, which refuses it: the result is
+     * PlayerError::ApplyPlaybackRateFailed (and a failed seek() while it is
+     * set); use pause() to hold still. Init and stop() set the rate back to 1.
+     */
     void setPlaybackRate(double rate);
     /** Mutes or unmutes the audio. */
     void setMute(bool mute);
@@ -133,6 +196,18 @@ public:
     bool getAutoRepeat() const;
     /** Whether the audio is muted. */
     bool getMute() const;
+    /**
+     * The position last reported to onPositionChanged() (0 after a new medium
+     * is loaded). Reads what the player knows; queues nothing, never blocks.
+     */
+    std::chrono::microseconds getPosition() const;
+    /** The duration last reported to onDurationChanged() (0 after a new medium is loaded); queues nothing. */
+    std::chrono::microseconds getDuration() const;
+    /**
+     * The current medium: its URI, HTTP headers and, once reported to
+     * onMediaInfo(), its tags and tracks. A copy; queues nothing.
+     */
+    MediaInfo getMediaInfo() const;
 
 private:
     struct Impl;

@@ -80,9 +80,7 @@ GstBusSyncReply Player::Impl::handleGstMessage(GstBus*, GstMessage* message, gpo
             gint percent = 0;
             gst_message_parse_buffering(message, &percent);
             if (impl->bufferingPercent.exchange(percent) != percent) {
-                std::lock_guard<std::mutex> lock(impl->listenerMutex);
-                if (impl->listener)
-                    impl->listener->onBufferingChanged(percent);
+                impl->notifyListener([&](PlayerListener& l) { l.onBufferingChanged(percent); });
             }
             break;
         }
@@ -152,27 +150,21 @@ void Player::Impl::onStateChanged(PlayerState newState)
     const PlayerState oldState = state.exchange(newState);
     if (oldState == newState)
         return;
-    std::lock_guard<std::mutex> lock(listenerMutex);
-    if (listener)
-        listener->onStateChanged(oldState, newState);
+    notifyListener([&](PlayerListener& l) { l.onStateChanged(oldState, newState); });
 }
 
 void Player::Impl::onDurationChanged(std::chrono::microseconds value)
 {
     if (duration.exchange(value.count()) == value.count())
         return;
-    std::lock_guard<std::mutex> lock(listenerMutex);
-    if (listener)
-        listener->onDurationChanged(value);
+    notifyListener([&](PlayerListener& l) { l.onDurationChanged(value); });
 }
 
 void Player::Impl::onPositionChanged(std::chrono::microseconds value)
 {
     if (position.exchange(value.count()) == value.count())
         return;
-    std::lock_guard<std::mutex> lock(listenerMutex);
-    if (listener)
-        listener->onPositionChanged(value);
+    notifyListener([&](PlayerListener& l) { l.onPositionChanged(value); });
 }
 
 gboolean Player::Impl::durationSourceCallback(gpointer data)

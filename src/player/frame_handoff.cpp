@@ -14,10 +14,13 @@ void Player::Impl::handlePrerollHandoff(GstElement*, GstBuffer* buffer, GstPad* 
     impl->handOff(buffer, pad, true);
 }
 
-// Runs on the fake sink's streaming thread. Locks are held only to pick the
-// factory; the application is called with none held.
+// Runs on the fake sink's streaming thread. The application's sink is called
+// with only sinkCallMutex held, never the listener lock.
 void Player::Impl::handOff(GstBuffer* buffer, GstPad* pad, bool preroll)
 {
+    CallbackScope scope(*this, CallbackScope::Sink);
+    // Held while the sink runs: setVideoSink waits for the sink it replaces.
+    std::lock_guard<std::mutex> sinkLock(sinkCallMutex);
     VideoSink* sink = videoSink.load();
     if (!sink || !buffer || !pad)
         return;

@@ -35,6 +35,18 @@ void Player::Impl::createPipeline(std::string&& uri, HttpHeaders&& headers)
 {
     LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "uri: " << uri << std::endl;
     destroyPipeline();
+    if (!gst_uri_is_valid(uri.c_str())) {
+        // Said at once: playbin would only fail later, and with less to go on.
+        const std::string message = "Not a URI or an absolute path: '" + uri + "'";
+        {
+            std::lock_guard<std::mutex> lock(mediaMutex);
+            mediaInfo.swapUri(uri);
+            mediaInfo.swapHttpHeaders(headers);
+        }
+        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << message << std::endl;
+        onError(PlayerError::NotFound, message);
+        return;
+    }
 
     // The multi-stream playbin is required: track selection works on its
     // stream collections.

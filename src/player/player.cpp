@@ -1,6 +1,8 @@
 #include <lumiflux/player.h>
 
+#include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include <lumiflux/log.h>
 
@@ -21,6 +23,104 @@ void PlayerListener::onBufferingChanged(int) {}
 void PlayerListener::onError(PlayerError, const std::string&) {}
 
 VideoSink::~VideoSink() = default;
+
+// ---------------------------------------------------------------- callbacks
+
+// The innermost call into the application that the current thread runs.
+thread_local const Player::Impl::CallbackScope* Player::Impl::CallbackScope::innermost = nullptr;
+
+namespace {
+// An absolute path is taken for the file it names; anything else is left as
+// it is and must be a URI.
+std::string playableUri(std::string_view location)
+{
+    if (!location.empty() && location.front() == '/') {
+        g_autofree gchar* uri = g_filename_to_uri(std::string(location).c_str(), nullptr, nullptr);
+        if (uri)
+            return uri;
+    }
+    return std::string(location);
+}
+// Players destroyed from their own callbacks finish on threads of their own.
+// A process that ends meanwhile waits for them (for a while) when its statics
+// go, so that no teardown is still inside GStreamer while the process exits.
+class BackgroundTeardowns {
+public:
+    static BackgroundTeardowns& instance()
+    {
+        static BackgroundTeardowns teardowns;
+        return teardowns;
+    }
+    void started()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++running;
+    }
+    void ended()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        --running;
+        done.notify_all();
+    }
+    ~BackgroundTeardowns()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        done.wait_for(lock, std::chrono::seconds(10), [this] { return running == 0; });
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable done;
+    int running = 0;
+};
+} // namespace
+
+Player::Impl::CallbackScope::CallbackScope(Impl& impl, Kind callKind) : owner(impl), kind(callKind), outer(innermost)
+{
+    ++owner.callbacksRunning;
+    innermost = this;
+}
+
+Player::Impl::CallbackScope::~CallbackScope()
+{
+    innermost = outer;
+    --owner.callbacksRunning; // the last touch of owner: its destructor waits for this
+}
+
+bool Player::Impl::CallbackScope::inside(const Impl& impl, Kind kind)
+{
+    for (const CallbackScope* scope = innermost; scope; scope = scope->outer)
+        if (&scope->owner == &impl && scope->kind == kind)
+            return true;
+    return false;
+}
+
+bool Player::Impl::onOwnThread() const
+{
+    return std::this_thread::get_id() == thread.get_id() || CallbackScope::inside(*this, CallbackScope::Listener) ||
+           CallbackScope::inside(*this, CallbackScope::Sink);
+}
+
+void Player::Impl::replaceListener(PlayerListener* replacement)
+{
+    // Inside one of this player's callbacks the current thread already
+    // holds the listener lock.
+    if (CallbackScope::inside(*this, CallbackScope::Listener)) {
+        listener = replacement;
+        return;
+    }
+    std::lock_guard<std::mutex> lock(listenerMutex);
+    listener = replacement;
+}
+
+void Player::Impl::replaceVideoSink(VideoSink* replacement)
+{
+    videoSink.store(replacement);
+    // Waits for a call to the previous sink under way, unless it is this
+    // thread's own call.
+    if (!CallbackScope::inside(*this, CallbackScope::Sink))
+        std::lock_guard<std::mutex> handOffDone(sinkCallMutex);
+}
 
 // ---------------------------------------------------------------- Impl life
 
@@ -93,6 +193,10 @@ Player::Impl::~Impl()
     g_main_context_unref(mainContext);
     g_source_unref(positionSource);
     g_source_unref(durationSource);
+    // A callback that destroyed its player may still be returning from the
+    // listener lock; nothing of this object may go before it has.
+    while (callbacksRunning.load() > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 void Player::Impl::loop()
@@ -124,9 +228,7 @@ void Player::Impl::resetPlaybackSettings()
 
 void Player::Impl::onError(PlayerError error, const std::string& message)
 {
-    std::lock_guard<std::mutex> lock(listenerMutex);
-    if (listener)
-        listener->onError(error, message);
+    notifyListener([&](PlayerListener& l) { l.onError(error, message); });
 }
 
 // ---------------------------------------------------------------- facade
@@ -139,17 +241,41 @@ Player::Player() : impl(std::make_unique<Impl>())
     impl->thread = std::thread([p] { p->loop(); });
 }
 
-Player::~Player() = default;
+Player::~Player()
+{
+    if (!impl->onOwnThread())
+        return; // impl's destructor tears down in the documented order
+    // Destroyed from one of its own callbacks: joining the player thread, or
+    // stopping the pipeline whose streaming thread runs the callback, would
+    // wait for this very thread. The application is let go of now (no
+    // callback after this returns), and the rest ends on a thread of its own.
+    impl->shuttingDown.exchange(true);
+    impl->replaceListener(nullptr);
+    impl->replaceVideoSink(nullptr);
+    LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "destroyed from its own thread: the teardown ends on another" << std::endl;
+    Impl* owned = impl.release();
+    try {
+        BackgroundTeardowns& teardowns = BackgroundTeardowns::instance();
+        teardowns.started();
+        std::thread([owned, &teardowns] {
+            std::unique_ptr<Impl> last(owned);
+            last.reset();
+            teardowns.ended();
+        }).detach();
+    } catch (const std::exception& e) {
+        // Left as it is rather than deadlocking the host.
+        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "cannot start the teardown: " << e.what() << std::endl;
+    }
+}
 
 void Player::setListener(PlayerListener* listener)
 {
-    std::lock_guard<std::mutex> lock(impl->listenerMutex);
-    impl->listener = listener;
+    impl->replaceListener(listener);
 }
 
 bool Player::setVideoSink(VideoSink* sink)
 {
-    impl->videoSink.store(sink);
+    impl->replaceVideoSink(sink);
     return true;
 }
 
@@ -157,7 +283,7 @@ void Player::setUri(std::string_view uri, const HttpHeaders& headers)
 {
     impl->playWhenReady.exchange(false);
     Impl::Task task(Impl::Task::Init);
-    task.uri = std::string(uri);
+    task.uri = playableUri(uri);
     task.httpHeaders = headers;
     impl->addTask(std::move(task));
 }
@@ -166,7 +292,7 @@ void Player::play(std::string_view uri, const HttpHeaders& headers)
 {
     impl->playWhenReady.exchange(true);
     Impl::Task task(Impl::Task::Init);
-    task.uri = std::string(uri);
+    task.uri = playableUri(uri);
     task.httpHeaders = headers;
     impl->addTask(std::move(task));
 }
@@ -247,6 +373,19 @@ bool Player::getAutoRepeat() const
 bool Player::getMute() const
 {
     return impl->mute.load();
+}
+std::chrono::microseconds Player::getPosition() const
+{
+    return std::chrono::microseconds(impl->position.load());
+}
+std::chrono::microseconds Player::getDuration() const
+{
+    return std::chrono::microseconds(impl->duration.load());
+}
+MediaInfo Player::getMediaInfo() const
+{
+    std::lock_guard<std::mutex> lock(impl->mediaMutex);
+    return impl->mediaInfo;
 }
 
 } // namespace Tevara::Lumiflux

@@ -68,6 +68,45 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
 
     static const char* taskName(std::uint32_t type);
 
+    /**
+     * Marks the current thread as running a call into the application for
+     * this player (a listener callback, under listenerMutex, or the video
+     * sink) while it lives. A player that such a call destroys or
+     * reconfigures must not wait for the very thread that runs the call.
+     * Also counts the calls under way, which the destructor waits out.
+     */
+    class CallbackScope {
+    public:
+        enum Kind { Listener, Sink };
+        CallbackScope(Impl& impl, Kind kind);
+        ~CallbackScope();
+        CallbackScope(const CallbackScope&) = delete;
+        CallbackScope& operator=(const CallbackScope&) = delete;
+        /** True when the current thread runs a call of this kind for `impl`. */
+        static bool inside(const Impl& impl, Kind kind);
+
+    private:
+        static thread_local const CallbackScope* innermost;
+        Impl& owner;
+        Kind kind;
+        const CallbackScope* outer;
+    };
+
+    /** Calls `call(listener)` under listenerMutex, when a listener is set. */
+    template <typename Call> void notifyListener(Call&& call)
+    {
+        CallbackScope scope(*this, CallbackScope::Listener); // ends after the lock is released
+        std::lock_guard<std::mutex> lock(listenerMutex);
+        if (listener)
+            call(*listener);
+    }
+    /** True on the player's own thread or inside one of its calls into the application. */
+    bool onOwnThread() const;
+    /** Sets the listener; never waits for the current thread's own callback. */
+    void replaceListener(PlayerListener* replacement);
+    /** Sets the sink and waits for a call to the previous one, unless the current thread makes it. */
+    void replaceVideoSink(VideoSink* replacement);
+
     Impl();
     ~Impl();
 
@@ -164,6 +203,11 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     // Written by the application without a lock, read by the hand-off; atomic
     // so that the read is well defined.
     std::atomic<VideoSink*> videoSink{nullptr};
+    // Held by the hand-off while it calls the sink, so that setVideoSink can
+    // wait for a call to the sink it replaces.
+    std::mutex sinkCallMutex;
+    // Calls into the application under way (see CallbackScope).
+    std::atomic<int> callbacksRunning{0};
 
     PlayerListener* listener = nullptr;
     std::mutex listenerMutex;

@@ -1,5 +1,6 @@
 #include <cstdlib>
 
+#include "core/glib_ref.h"
 #include "core/log_macros.h"
 #include "player/player_impl.h"
 
@@ -49,9 +50,19 @@ void Player::Impl::addTask(Task&& task, bool unique)
 
     std::lock_guard<std::recursive_mutex> lock(taskMutex);
     tasks.push_back(std::move(task));
-    // On the player thread GLib runs the check at once (nested), which takes
-    // taskMutex again: hence the recursive mutex.
-    g_main_context_invoke(mainContext, &Impl::idleCheckTaskQueue, this);
+    if (g_main_context_is_owner(mainContext)) {
+        // Added on the player thread (a listener callback, a task, a timer):
+        // drained on the loop's next turn, never nested here. Run inline, a
+        // task would report to the listener while the callback that queued
+        // it still holds the listener lock, and the thread would wait for
+        // itself for good.
+        Internal::Ref<GSource> idle = Internal::Ref<GSource>::adopt(g_idle_source_new());
+        g_source_set_priority(idle.get(), G_PRIORITY_DEFAULT);
+        g_source_set_callback(idle.get(), &Impl::idleCheckTaskQueue, this, nullptr);
+        g_source_attach(idle.get(), mainContext);
+    } else {
+        g_main_context_invoke(mainContext, &Impl::idleCheckTaskQueue, this);
+    }
 }
 
 gboolean Player::Impl::idleCheckTaskQueue(gpointer data)

@@ -143,9 +143,7 @@ void Player::Impl::handleTrackTagsChanged(GstStreamCollection* collection, GstSt
             impl->mediaInfo.takeTagsAndTracks(std::move(info));
             snapshot = impl->mediaInfo;
         }
-        std::lock_guard<std::mutex> lock(impl->listenerMutex);
-        if (impl->listener)
-            impl->listener->onMediaInfo(snapshot);
+        impl->notifyListener([&](PlayerListener& l) { l.onMediaInfo(snapshot); });
     } catch (const std::exception& e) {
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "exception while updating the tracks: " << e.what() << std::endl;
     }
@@ -180,9 +178,7 @@ void Player::Impl::onMediaInfoReady(MediaInfo& info)
         }
         currentVideoTrack.store(video);
     }
-    std::lock_guard<std::mutex> lock(listenerMutex);
-    if (listener)
-        listener->onMediaInfo(snapshot);
+    notifyListener([&](PlayerListener& l) { l.onMediaInfo(snapshot); });
 }
 
 void Player::Impl::selectTracks(const std::vector<int>& trackIds)
@@ -282,9 +278,7 @@ void Player::Impl::handleStreamsSelected(GstMessage* message)
     }
     if (video >= 0)
         currentVideoTrack.store(video);
-    std::lock_guard<std::mutex> lock(listenerMutex);
-    if (listener)
-        listener->onTracksSelected(selected);
+    notifyListener([&](PlayerListener& l) { l.onTracksSelected(selected); });
 }
 
 } // namespace Tevara::Lumiflux
