@@ -2,6 +2,7 @@
 // on a real playbin3 pipeline playing media made at test time.
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 
 #include <gtest/gtest.h>
@@ -111,6 +112,82 @@ TEST_F(PlayerPlayback, AutoRepeatRestartsWithoutEosOrPause)
     EXPECT_EQ(listener.stateSequence(), (std::vector<PlayerState>{PlayerState::Paused, PlayerState::Playing}));
     player.stop();
     ASSERT_TRUE(listener.waitForState(PlayerState::Empty));
+}
+
+// The getters read what the callbacks last said: checked inside the
+// callbacks while playing (the periodic report is the only one then), and
+// once the player has settled after a pause, a seek and a stop.
+class GetterCheckingListener : public RecordingListener {
+public:
+    explicit GetterCheckingListener(Player& p) : player(p) {}
+    void onPositionChanged(std::chrono::microseconds position) override
+    {
+        RecordingListener::onPositionChanged(position);
+        if (checking)
+            mismatches += player.getPosition() != position;
+        checks += checking.load();
+    }
+    void onDurationChanged(std::chrono::microseconds duration) override
+    {
+        RecordingListener::onDurationChanged(duration);
+        mismatches += player.getDuration() != duration;
+    }
+    void onMediaInfo(const MediaInfo& info) override
+    {
+        RecordingListener::onMediaInfo(info);
+        const MediaInfo known = player.getMediaInfo();
+        mismatches += known.uri() != info.uri() || known.tracks().size() != info.tracks().size();
+    }
+    Player& player;
+    std::atomic<bool> checking{true};
+    std::atomic<int> checks{0};
+    std::atomic<int> mismatches{0};
+};
+
+TEST(PlayerGetters, ReadWhatTheCallbacksLastSaidAndPathsBecomeUris)
+{
+    Player player;
+    GetterCheckingListener listener(player);
+    player.setListener(&listener);
+    // An absolute path is played as its file:// URI.
+    player.play(mediaDir() + "/media.mkv");
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+    ASSERT_TRUE(listener.waitFor([&] { return listener.positions.size() >= 6; }));
+    listener.checking = false;
+    EXPECT_EQ(player.getMediaInfo().uri(), mediaUri("media.mkv"));
+    EXPECT_EQ(player.getMediaInfo().tracks().size(), listener.snapshot(listener.mediaInfos).back().tracks().size());
+
+    const auto settled = [&] {
+        EXPECT_EQ(player.getPosition(), listener.snapshot(listener.positions).back());
+        EXPECT_EQ(player.getDuration(), listener.snapshot(listener.durations).back());
+    };
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
+    ASSERT_TRUE(listener.drain(player));
+    settled();
+    // A seek while paused reports no position; playing on from there does.
+    player.seek(1500ms);
+    player.play();
+    ASSERT_TRUE(listener.waitFor([&] { return listener.positions.back() >= 1400ms; }));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
+    ASSERT_TRUE(listener.drain(player));
+    settled();
+    EXPECT_NEAR(std::chrono::duration<double>(player.getPosition()).count(), 1.6, 0.25);
+    player.stop();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Empty));
+    ASSERT_TRUE(listener.drain(player));
+    settled();
+    EXPECT_EQ(listener.mismatches.load(), 0);
+    EXPECT_GE(listener.checks.load(), 4);
+
+    // Neither a URI nor an absolute path: refused at once, by name.
+    player.setUri("clips/clip.mkv");
+    ASSERT_TRUE(listener.waitFor([&] { return listener.errors.back().error == PlayerError::NotFound; }));
+    EXPECT_EQ(listener.snapshot(listener.errors).back().message, "Not a URI or an absolute path: 'clips/clip.mkv'");
+    EXPECT_EQ(player.getMediaInfo().uri(), "clips/clip.mkv");
+    player.setListener(nullptr);
 }
 
 } // namespace
