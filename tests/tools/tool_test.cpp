@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -93,6 +94,9 @@ TEST(Tour, DefaultCommandRunsEveryStepToSuccess)
     EXPECT_NE(run.output.find("played to the end"), std::string::npos) << run.output;
     EXPECT_NE(run.output.find("tracks of file://"), std::string::npos) << run.output;
     EXPECT_EQ(run.output.find("FAILED"), std::string::npos) << run.output;
+    // Nothing from the sound and codec libraries underneath.
+    for (const char* foreign : {"ALSA lib", "AL lib", "[OpenH264]", "Error"})
+        EXPECT_EQ(run.output.find(foreign), std::string::npos) << foreign << "\n" << run.output;
 }
 
 TEST(Tour, JsonCarriesEachStepsFacts)
@@ -129,9 +133,16 @@ TEST(Tour, JsonCarriesEachStepsFacts)
 
 // --- play ---
 
-TEST(Play, SampleToTheEndWithItsTracks)
+bool soundCardPresent()
 {
-    const ToolRun run = tool("play " LUMIFLUX_STAGED_SAMPLE " --mute");
+    std::ifstream cards("/proc/asound/cards");
+    std::string first;
+    return cards && std::getline(cards, first) && first.find("no soundcards") == std::string::npos;
+}
+
+TEST(Play, SampleToTheEndWithItsTracksAtTwiceTheRate)
+{
+    const ToolRun run = tool("play " LUMIFLUX_STAGED_SAMPLE " --rate 2");
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_NE(run.output.find("tracks of file://"), std::string::npos) << run.output;
     // The subtitle stream's language tag does not always reach the player
@@ -143,6 +154,16 @@ TEST(Play, SampleToTheEndWithItsTracks)
     EXPECT_NE(run.output.find("played to the end"), std::string::npos) << run.output;
     // Not a terminal: no progress line.
     EXPECT_EQ(run.output.find('\r'), std::string::npos);
+    // The 3 s sample at rate 2 (at 1 it takes 3 s and more).
+    std::smatch took;
+    ASSERT_TRUE(std::regex_search(run.output, took, std::regex("played to the end: .* in ([0-9.]+) s"))) << run.output;
+    EXPECT_LT(std::stod(took[1]), 2.4) << run.output;
+    // No sound server here: one line says so, and the sound libraries say nothing.
+    if (!soundCardPresent()) {
+        EXPECT_NE(run.output.find("no audio output: playing without sound\n"), std::string::npos) << run.output;
+    }
+    EXPECT_EQ(run.output.find("ALSA lib"), std::string::npos) << run.output;
+    EXPECT_EQ(run.output.find("AL lib"), std::string::npos) << run.output;
 }
 
 TEST(Play, JsonTracksStatesAndFrames)
@@ -360,6 +381,10 @@ TEST(Failures, NamedWithTheirErrorAndAsAJsonRecord)
         const char* text;
     } cases[] = {{"play /nonexistent/lumiflux/missing.mkv", -1, "lumiflux: NotFound: "},
                  {"play " LUMIFLUX_STAGED_SAMPLE " -H NoColon", 2, "BadArgument"},
+                 {"play " LUMIFLUX_STAGED_SAMPLE " -H \"$(printf 'X: a\\rb')\"", 2,
+                  "-H 'X: a\\rb': a header cannot hold CR, LF or NUL; refused"},
+                 {"play " LUMIFLUX_STAGED_SAMPLE " --rate 0", 2, "--rate takes a number above 0, not 0"},
+                 {"play " LUMIFLUX_STAGED_SAMPLE " --rate -1.5", 2, "--rate takes a number above 0, not -1.5"},
                  {"play " LUMIFLUX_STAGED_SAMPLE " --frames 3 --no-video-sink", 2, ""},
                  {"play", -1, ""},
                  {"probe " LUMIFLUX_STAGED_SAMPLE, 1, "ParseError"}};

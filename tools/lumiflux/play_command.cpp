@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <filesystem>
@@ -18,6 +19,7 @@
 
 #include <lumiflux/player.h>
 
+#include "audio_output.h"
 #include "command.h"
 #include "interrupt.h"
 
@@ -226,15 +228,23 @@ std::string progressText(const PlayListener& listener, unsigned frames, double r
     return text.str();
 }
 
-bool parseHeader(const std::string& text, std::pair<std::string, std::string>* header)
+// The header's form, or why it cannot be sent; empty when it is good.
+std::string parseHeader(const std::string& text, std::pair<std::string, std::string>* header)
 {
+    // The player refuses these (they would end the request's header line).
+    if (text.find_first_of(std::string("\r\n\0", 3)) != std::string::npos) {
+        std::string shown;
+        for (char c : text)
+            shown += c == '\r' ? "\\r" : c == '\n' ? "\\n" : c == '\0' ? "\\0" : std::string(1, c);
+        return "-H '" + shown + "': a header cannot hold CR, LF or NUL; refused";
+    }
     const auto colon = text.find(':');
     if (colon == std::string::npos || colon == 0)
-        return false;
+        return "-H takes 'Name: value', not '" + text + "'";
     const auto valueStart = text.find_first_not_of(" \t", colon + 1);
     header->first = text.substr(0, colon);
     header->second = valueStart == std::string::npos ? std::string() : text.substr(valueStart);
-    return true;
+    return {};
 }
 
 std::string toUri(const std::string& location)
@@ -256,11 +266,19 @@ int play(const PlayOptions& options, Output& out)
     HttpHeaders headers;
     for (const std::string& text : options.headers) {
         std::pair<std::string, std::string> header;
-        if (!parseHeader(text, &header)) {
-            out.error("BadArgument", "-H takes 'Name: value', not '" + text + "'");
+        const std::string problem = parseHeader(text, &header);
+        if (!problem.empty()) {
+            out.error("BadArgument", problem);
             return 2;
         }
         headers.push_back(header);
+    }
+    // GStreamer asserts on a zero rate, and a negative one would play backwards from the start.
+    if (!(options.rate > 0.0) || !std::isfinite(options.rate)) {
+        std::ostringstream rate;
+        rate << options.rate;
+        out.error("BadArgument", "--rate takes a number above 0, not " + rate.str());
+        return 2;
     }
     if (options.frames > 0 && options.noVideoSink) {
         out.error("BadArgument", "--frames counts frames at the video sink; it cannot go with --no-video-sink");
@@ -274,6 +292,9 @@ int play(const PlayOptions& options, Output& out)
     // destructor stops its thread and the pipeline before they go.
     PlayListener listener(out);
     FrameCounter counter(listener, options.frames);
+    static const bool audioOutput = prepareAudioOutput();
+    if (!audioOutput && !options.mute)
+        out.text("no audio output: playing without sound");
     auto player = std::make_unique<Player>();
     player->setListener(&listener);
     if (!options.noVideoSink)
@@ -326,10 +347,14 @@ int play(const PlayOptions& options, Output& out)
                 if (setUpNow) {
                     player->setMute(options.mute);
                     player->setAutoRepeat(options.repeat);
-                    if (options.rate != 1.0)
+                    // The player gives the pipeline its rate with a seek: to
+                    // the start position, or to where it is now.
+                    if (options.rate != 1.0 || options.seek > 0) {
                         player->setPlaybackRate(options.rate);
-                    if (options.seek > 0)
-                        player->seek(std::chrono::microseconds(static_cast<std::int64_t>(options.seek * 1e6)));
+                        player->seek(options.seek > 0
+                                         ? std::chrono::microseconds(static_cast<std::int64_t>(options.seek * 1e6))
+                                         : player->getPosition());
+                    }
                 }
                 lock.lock();
             }
@@ -384,7 +409,10 @@ std::function<int(Output&)> setup(CLI::App& app)
     auto options = std::make_shared<PlayOptions>();
     app.add_option("medium", options->location, "a file or a URI (file://, http://, https://, fd://)")->required();
     app.add_option("-H,--header", options->headers, "an HTTP request header 'Name: value' (repeatable)");
-    app.add_option("--rate", options->rate, "playback rate")->capture_default_str();
+    app.add_option("--rate", options->rate,
+                   "playback rate, above 0 (2 plays twice as fast); applied with a seek to the current position "
+                   "once playing")
+        ->capture_default_str();
     app.add_flag("--mute", options->mute, "play without sound");
     app.add_flag("--repeat", options->repeat, "start again at the end (until Ctrl-C or --frames)");
     app.add_option("--track", options->tracks, "a track id to play (repeatable; see the track list)");
