@@ -183,10 +183,13 @@ TEST_F(GstCamerasCapture, Nv12FramesOfAKnownPatternAtTheRequestedSizeAndRate)
     EXPECT_NE(listener.frameThreads[0], std::this_thread::get_id());
     ASSERT_EQ(listener.pictures.size(), 1u);
     EXPECT_NE(std::find(listener.frames.begin(), listener.frames.end(), listener.pictures[0]), listener.frames.end());
+    // The test camera is mounted turned; frames come unturned, as the sensor gives them.
+    EXPECT_NE(cameras[0].mountAngle, 0);
     for (const auto& frame : listener.frames) {
         EXPECT_EQ(frame->width, 320);
         EXPECT_EQ(frame->height, 240);
         EXPECT_EQ(frame->format, PixelFormat::YCbCrFlexible);
+        EXPECT_EQ(frame->rotation(), 0);
     }
     // White in limited-range BT.601: Y 235, chroma neutral; NV12 interleaves Cb and Cr.
     expectSolid(listener.frames.front(), 235, 128, 128, 2);
