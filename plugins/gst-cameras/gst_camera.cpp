@@ -236,6 +236,8 @@ bool GstCamera::startCapture(const CameraCapability& capability, PixelFormat for
         LUMIFLUX_LOG(LogLevel::Error, "main ") << "capture on " << info.id << " failed: " << error << std::endl;
         return false;
     }
+    // A takePicture racing the last stop must not turn this capture's first frame into a picture.
+    pictureRequested = false;
     capturing = true;
     running = true;
     return true;
