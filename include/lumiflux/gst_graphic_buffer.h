@@ -156,19 +156,20 @@ public:
      * an application can feed an encoder with its own bytes and no GStreamer
      * call. Initialises GStreamer itself when the application has not.
      *
-     * Layouts (`width` and `height` even, from 2 to 65534; planes in this
-     * order, each row `width` bytes unless said otherwise):
-     * - PixelFormat::YUV420SemiPlanar, NV12: two planes. Plane 0, Y:
-     *   `height` rows of `width` samples. Plane 1, Cb and Cr interleaved
-     *   (Cb first): `height / 2` rows of `width / 2` pairs, `width` bytes.
-     * - PixelFormat::YUV420Planar, I420: three planes. Plane 0, Y, as for
-     *   NV12; plane 1, Cb, and plane 2, Cr: `height / 2` rows of
-     *   `width / 2` samples, `width / 2` bytes.
-     *
      * A plane needs `stride * (rows - 1) + row bytes` readable bytes; its
      * stride may be larger than the row (padding is skipped) but at most
      * 65535, which is what a mapped view can report.
      *
+     * @param format PixelFormat::YUV420SemiPlanar (NV12) or
+     *        PixelFormat::YUV420Planar (I420).
+     * @param width frame width in pixels: even, from 2 to 65534.
+     * @param height frame height in pixels: even, from 2 to 65534.
+     * @param planes in this order, each row `width` bytes unless said
+     *        otherwise. NV12, two planes: Y, `height` rows of `width`
+     *        samples; Cb and Cr interleaved (Cb first), `height / 2` rows of
+     *        `width / 2` pairs, `width` bytes. I420, three planes: Y as for
+     *        NV12; Cb, then Cr, each `height / 2` rows of `width / 2`
+     *        samples, `width / 2` bytes.
      * @param timestamp presentation time in microseconds, or -1 when unknown;
      *        an encoder stamps its output with it.
      * @param release empty: the pixels are copied before the call returns,
