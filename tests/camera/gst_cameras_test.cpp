@@ -9,6 +9,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -350,13 +351,17 @@ TEST_F(GstCamerasTeardown, LastReferenceDroppedInsideOnFrame)
         ASSERT_NE(held, nullptr);
         Camera* camera = held.get();
         std::promise<void> dropped;
+        // Not before startCapture has returned: the application must not let
+        // go of a camera while one of its own calls into it is still running.
+        std::atomic<bool> started{false};
         listener.inFrame = [&] {
-            if (held && listener.frameCount() >= 3) {
+            if (held && started && listener.frameCount() >= 3) {
                 held.reset(); // the application's only reference, on the streaming thread
                 dropped.set_value();
             }
         };
         ASSERT_TRUE(start(*camera, listener)); // `held` is the streaming thread's from here on
+        started = true;
         ASSERT_EQ(dropped.get_future().wait_for(20s), std::future_status::ready);
         const size_t atDrop = listener.frameCount();
         std::this_thread::sleep_for(200ms);
