@@ -12,8 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -26,6 +24,7 @@
 
 #include "syslog_capture.h"
 #include "test_paths.h"
+#include "watchdog.h"
 
 namespace {
 
@@ -285,18 +284,6 @@ TEST_F(GstCamerasCapture, RefusedRequestsAndDestroyingACapturingCamera)
 
 // --- re-entry and teardown from inside listener calls ------------------------
 
-// A hang must fail the run, not stall ctest until its timeout: the body runs
-// on a thread of its own, and the process aborts when it has not returned.
-template <typename Body> void underWatchdog(const char* what, Body body)
-{
-    auto done = std::async(std::launch::async, body);
-    if (done.wait_for(30s) != std::future_status::ready) {
-        std::fprintf(stderr, "hung: %s\n", what);
-        std::abort();
-    }
-    done.get();
-}
-
 // A Recorder whose frame callback also runs `inFrame` (once per frame).
 class ReentrantListener : public Recorder {
 public:
@@ -345,7 +332,9 @@ protected:
 
 TEST_F(GstCamerasTeardown, LastReferenceDroppedInsideOnFrame)
 {
-    underWatchdog("dropping the camera inside onFrame", [&] {
+    {
+        // A hang ends the program with a message instead of stalling ctest.
+        lumiflux_test::Watchdog watchdog("dropping the camera inside onFrame", 30s);
         ReentrantListener listener;
         std::shared_ptr<Camera> held = opened();
         ASSERT_NE(held, nullptr);
@@ -367,12 +356,13 @@ TEST_F(GstCamerasTeardown, LastReferenceDroppedInsideOnFrame)
         std::this_thread::sleep_for(200ms);
         EXPECT_EQ(listener.frameCount(), atDrop) << "no callback after the last reference went";
         expectCapturesAgain();
-    });
+    }
 }
 
 TEST_F(GstCamerasTeardown, LastReferenceDroppedInsideOnCaptureEndedOfStopCapture)
 {
-    underWatchdog("dropping the camera inside onCaptureEnded", [&] {
+    {
+        lumiflux_test::Watchdog watchdog("dropping the camera inside onCaptureEnded", 30s);
         struct DropOnEnd : Recorder {
             void onCaptureEnded() override
             {
@@ -390,7 +380,7 @@ TEST_F(GstCamerasTeardown, LastReferenceDroppedInsideOnCaptureEndedOfStopCapture
         EXPECT_TRUE(camera->stopCapture());
         EXPECT_EQ(listener.held, nullptr);
         expectCapturesAgain();
-    });
+    }
 }
 
 // Calls the threading rules keep out of callbacks: refused with one error
@@ -417,7 +407,8 @@ TEST_F(GstCamerasTeardown, CallsIntoTheSameCameraFromOnFrame)
     for (const Case& entry : cases) {
         SCOPED_TRACE(entry.name);
         lumiflux_test::clearSyslog();
-        underWatchdog(entry.name, [&] {
+        {
+            lumiflux_test::Watchdog watchdog(entry.name, 30s);
             ReentrantListener listener;
             std::shared_ptr<Camera> camera = opened();
             ASSERT_NE(camera, nullptr);
@@ -441,7 +432,7 @@ TEST_F(GstCamerasTeardown, CallsIntoTheSameCameraFromOnFrame)
             }
             camera->setListener(nullptr);
             EXPECT_TRUE(camera->stopCapture());
-        });
+        }
         const auto lines = lumiflux_test::syslogRecordsContaining(entry.errorLine ? entry.errorLine : " refused ");
         if (entry.errorLine == nullptr) {
             EXPECT_TRUE(lines.empty());
