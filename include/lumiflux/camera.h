@@ -50,11 +50,21 @@ constexpr std::int32_t External = 2; ///< a USB camera, or one that does not say
 
 /** One camera, as its plug-in describes it. */
 struct CameraInfo {
-    std::string id;          ///< identifier, unique per plug-in; the key for every per-camera call
-    std::string name;        ///< name for people
-    std::string provider;    ///< which subsystem found the camera
-    std::int32_t facing;     ///< ordering key, see CameraFacing; set by the plug-in, no default
-    std::int32_t mountAngle; ///< clockwise rotation of the sensor in degrees; set by the plug-in, no default
+    std::string id;       ///< identifier, unique per plug-in; the key for every per-camera call
+    std::string name;     ///< name for people
+    std::string provider; ///< which subsystem found the camera
+    std::int32_t facing;  ///< ordering key, see CameraFacing; set by the plug-in, no default
+    /**
+     * Clockwise rotation of the sensor in degrees against the device in its
+     * natural orientation; set by the plug-in, no default. Frames are not
+     * turned: their pixels come as the sensor delivers them, and
+     * GraphicBuffer::rotation() of a frame from the bundled plug-in is 0
+     * whatever this angle is. To show a frame upright on the device in its
+     * natural orientation, turn it clockwise by mountAngle. The bundled
+     * plug-in reads the angle from the device's properties
+     * ("api.libcamera.rotation" or "camera.rotation"), 0 when it has none.
+     */
+    std::int32_t mountAngle;
     std::string description; ///< free text from the plug-in
 };
 
@@ -109,16 +119,30 @@ struct PixelFormatDescription {
  * What an application hears from one camera while it captures.
  *
  * Threads: every callback arrives on a thread of the plug-in (for the
- * bundled plug-in, a GStreamer streaming thread), never on the application's
- * own thread, and always under the camera's listener mutex, so after
- * `Camera::setListener(nullptr)` returns no callback is running or will run.
- * A callback may call `setListener` (the mutex is recursive) and may keep
- * the frames it receives as long as it likes. It must not call
- * `startCapture`, `stopCapture` or `takePicture` on the same camera, and must
- * not drop the last reference to the camera: those wait for the capture
- * thread, which is the thread running the callback. It should return
- * quickly: a slow callback holds back the next frame, and frames that are
- * kept hold capture memory until they are released.
+ * bundled plug-in, a GStreamer streaming thread), except onCaptureEnded after
+ * stopCapture(), which runs on the thread that called stopCapture(); always
+ * under the camera's listener mutex, so after `Camera::setListener(nullptr)`
+ * returns no callback is running or will run.
+ *
+ * Inside a callback, with the bundled plug-in:
+ * - allowed on the same camera: `setListener` (the mutex is recursive),
+ *   `takePicture`, `isCapturing`, `getInfo`, `getParameter`,
+ *   `setParameter` and the mode queries; frames may be kept as long as the
+ *   application likes;
+ * - allowed: dropping a reference to the camera, even the last one. The
+ *   listener is then called no more (from that moment on), and the camera's
+ *   pipeline is taken down on a thread of its own once the callback has
+ *   returned, since the teardown waits for the thread running the callback.
+ *   Outside callbacks, releasing the last reference still stops the capture
+ *   before the release returns;
+ * - refused: `startCapture` and `stopCapture` on the same camera return
+ *   false, with one error line in the log, and change nothing (both wait for
+ *   the capture thread, which is the thread running the callback). Stop the
+ *   capture from another thread, or drop the camera.
+ *
+ * A callback should return quickly: a slow callback holds back the next
+ * frame, and frames that are kept hold capture memory until they are
+ * released.
  *
  * Every operation has an empty default, so a listener overrides only what it
  * needs.
@@ -128,7 +152,10 @@ public:
     virtual ~CameraListener();
     /**
      * One captured frame, in the pixel format capture was started with; the
-     * buffer wraps the captured memory without a copy.
+     * buffer wraps the captured memory without a copy. Its `format` field
+     * says YCbCrFlexible for either layout: the application knows the layout
+     * from its own startCapture() call, or reads it from a mapped view
+     * (graphic_buffer.h: Frame::fourcc, YCbCrFrame::chromaStep).
      */
     virtual void onFrame(const std::shared_ptr<GraphicBuffer>& frame);
     /** The frame `Camera::takePicture` asked for (it is also delivered to onFrame). */
@@ -146,7 +173,9 @@ public:
 /**
  * One camera. Plug-ins implement it, normally on Internal::BaseCamera
  * (camera_base.h). Objects are handed out as shared pointers; releasing the
- * last one stops a capture in progress.
+ * last one stops a capture in progress before the release returns, or, when
+ * it happens inside one of the camera's own listener calls, silences the
+ * listener at once and finishes on another thread (see CameraListener).
  *
  * Threads: unless an operation says otherwise it may be called from any
  * thread except the camera's own callback threads; the bundled plug-in
@@ -165,14 +194,17 @@ public:
     /**
      * Starts capturing in the given mode and pixel format; frames go to the
      * listener. False when the mode or format cannot be captured or capture
-     * is already running.
+     * is already running; also false, with an error line, inside one of this
+     * camera's listener calls.
      */
     virtual bool startCapture(const CameraCapability& capability, PixelFormat format) = 0;
 
     /**
      * Stops capturing and waits until no frame callback runs any more; then
      * calls CameraListener::onCaptureEnded on the calling thread. False when
-     * the camera was not capturing.
+     * the camera was not capturing; also false, with an error line and
+     * capture going on, inside one of this camera's listener calls (it would
+     * wait for the thread running that call).
      */
     virtual bool stopCapture() = 0;
 
@@ -182,6 +214,7 @@ public:
     /**
      * Asks for a still picture: the next captured frame is also delivered to
      * CameraListener::onPictureTaken. False when the camera is not capturing.
+     * Returns at once; may be called inside a listener call.
      */
     virtual bool takePicture() = 0;
 

@@ -31,7 +31,18 @@ namespace Tevara::Lumiflux::Internal {
  */
 LUMIFLUX_EXPORT std::uint32_t frameRateToInteger(std::uint32_t numerator, std::uint32_t denominator);
 
-/** Camera operations built on the plug-in's primitive ones. */
+/**
+ * Camera operations built on the plug-in's primitive ones.
+ *
+ * For plug-in writers: applications rely on the rules CameraListener states
+ * for callbacks. A camera that delivers on a thread it must join to stop
+ * (a GStreamer streaming thread) therefore refuses startCapture and
+ * stopCapture made on that thread from inside its listener calls (false and
+ * one error line), and hands cameras out through a shared pointer whose
+ * deleter, when the last reference goes inside one of those calls, clears
+ * the listener and moves the teardown to another thread. The bundled
+ * plug-in does both; these base classes take no part in it.
+ */
 class LUMIFLUX_EXPORT BaseCamera : public Camera {
 public:
     using Camera::isFormatSupported;

@@ -13,7 +13,9 @@
  */
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <vector>
 
 #include <gst/gst.h>
 #include <gst/video/video.h>
@@ -143,6 +145,55 @@ public:
  */
 class LUMIFLUX_EXPORT GraphicBufferFactory {
 public:
+    /** One plane of a frame in the application's own memory (see fromMemory()). */
+    struct Plane {
+        const std::uint8_t* data = nullptr; ///< first byte of the plane's first row
+        std::uint32_t stride = 0;           ///< bytes between the starts of two rows, at least the row's bytes
+    };
+
+    /**
+     * A graphic buffer over a frame in the application's own memory, so that
+     * an application can feed an encoder with its own bytes and no GStreamer
+     * call. Initialises GStreamer itself when the application has not.
+     *
+     * A plane needs `stride * (rows - 1) + row bytes` readable bytes; its
+     * stride may be larger than the row (padding is skipped) but at most
+     * 65535, which is what a mapped view can report.
+     *
+     * @param format PixelFormat::YUV420SemiPlanar (NV12) or
+     *        PixelFormat::YUV420Planar (I420).
+     * @param width frame width in pixels: even, from 2 to 65534.
+     * @param height frame height in pixels: even, from 2 to 65534.
+     * @param planes in this order, each row `width` bytes unless said
+     *        otherwise. NV12, two planes: Y, `height` rows of `width`
+     *        samples; Cb and Cr interleaved (Cb first), `height / 2` rows of
+     *        `width / 2` pairs, `width` bytes. I420, three planes: Y as for
+     *        NV12; Cb, then Cr, each `height / 2` rows of `width / 2`
+     *        samples, `width / 2` bytes.
+     * @param timestamp presentation time in microseconds, or -1 when unknown;
+     *        an encoder stamps its output with it.
+     * @param release empty: the pixels are copied before the call returns,
+     *        and the memory is the caller's again at once. Set: the buffer
+     *        wraps the memory without a copy, read-only; the memory must
+     *        stay valid and unchanged until `release` runs. It runs exactly
+     *        once, when the last holder lets go (the buffer, any view mapped
+     *        from it, and any copy an encoder still queues), on the thread
+     *        that lets go: possibly an encoder's streaming thread. An
+     *        exception it throws is logged and dropped.
+     * @return a buffer of format YCbCrFlexible with this size and timestamp
+     *         and rotation 0. Empty, with an error line in the log, for an
+     *         unsupported format, a zero, odd or too large size, a wrong
+     *         number of planes, a null plane, a stride smaller than its row
+     *         or above 65535, or when GStreamer cannot be initialised; on
+     *         failure `release` is never called and the memory stays the
+     *         caller's.
+     *
+     * Threads: any thread, concurrently.
+     */
+    static std::shared_ptr<GraphicBuffer> fromMemory(PixelFormat format, std::uint32_t width, std::uint32_t height,
+                                                     const std::vector<Plane>& planes, std::int64_t timestamp = -1,
+                                                     std::function<void()> release = {});
+
     /**
      * A factory for fixed raw video caps ("video/x-raw" with every field
      * fixed). Null, with a log line, when caps are null, not fixed, or not

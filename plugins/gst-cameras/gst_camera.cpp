@@ -3,6 +3,7 @@
 #include <gst/app/gstappsink.h>
 
 #include <chrono>
+#include <thread>
 #include <utility>
 
 #include <lumiflux/gst_graphic_buffer.h>
@@ -30,6 +31,30 @@ const char* gstFormatOf(PixelFormat format)
         return nullptr;
     }
 }
+
+// The listener calls this thread is running, innermost first. A camera asks
+// whether one of its own is among them: the end of another camera's capture
+// may be reported inside a frame callback of this one.
+class CallbackScope {
+public:
+    explicit CallbackScope(const void* camera) : owner(camera), outer(innermost) { innermost = this; }
+    ~CallbackScope() { innermost = outer; }
+    CallbackScope(const CallbackScope&) = delete;
+    CallbackScope& operator=(const CallbackScope&) = delete;
+
+    static bool running(const void* camera)
+    {
+        for (const CallbackScope* scope = innermost; scope != nullptr; scope = scope->outer)
+            if (scope->owner == camera)
+                return true;
+        return false;
+    }
+
+private:
+    const void* owner;
+    const CallbackScope* outer;
+    static inline thread_local const CallbackScope* innermost = nullptr;
+};
 
 } // namespace
 
@@ -89,6 +114,57 @@ GstCamera::~GstCamera()
     gst_bus_set_sync_handler(bus.get(), nullptr, nullptr, nullptr);
 }
 
+std::shared_ptr<Camera> GstCamera::handOut(std::shared_ptr<GstCamera> camera)
+{
+    GstCamera* raw = camera.get();
+    // The application's copies share one count of their own; the object's
+    // own owner lives in the deleter, which decides where the teardown runs.
+    return std::shared_ptr<Camera>(raw, [owner = std::move(camera)](Camera*) mutable {
+        if (owner->insideOwnCallback())
+            releaseFromCallback(std::move(owner));
+        else
+            owner.reset(); // the documented order: stopped before the release returns
+    });
+}
+
+void GstCamera::releaseFromCallback(std::shared_ptr<GstCamera> camera)
+{
+    // This thread runs one of the camera's listener calls, so it holds the
+    // (recursive) listener mutex, and for a frame it is the streaming thread
+    // that taking the pipeline to NULL would wait for. The application has
+    // let go: it hears nothing more from now on.
+    {
+        std::lock_guard<std::recursive_mutex> lock(camera->listenerMutex);
+        camera->listener = nullptr;
+    }
+    camera->running = false;
+    // The teardown waits for the listener call in progress to return (the
+    // mutex), then the destructor stops the pipeline, joining the streaming
+    // thread. Detached: the thread owns the camera and ends with it.
+    std::thread([owner = std::move(camera)]() mutable {
+        {
+            std::lock_guard<std::recursive_mutex> wait(owner->listenerMutex);
+        }
+        owner.reset();
+    }).detach();
+}
+
+bool GstCamera::insideOwnCallback() const
+{
+    return CallbackScope::running(this);
+}
+
+bool GstCamera::refusedInsideCallback(const char* operation) const
+{
+    if (!insideOwnCallback())
+        return false;
+    LUMIFLUX_LOG(LogLevel::Error, "main ") << operation << " on " << info.id
+                                           << " refused inside its own listener call: it would wait for the thread "
+                                              "running that call; call it from another thread"
+                                           << std::endl;
+    return true;
+}
+
 void GstCamera::shutDown()
 {
     gst_element_set_state(pipeline.get(), GST_STATE_NULL);
@@ -120,6 +196,8 @@ bool GstCamera::startCapture(const CameraCapability& capability, PixelFormat for
                                                << "x" << capability.height << std::endl;
         return false;
     }
+    if (refusedInsideCallback("startCapture"))
+        return false;
     std::lock_guard<std::mutex> control(controlMutex);
     if (!pipeline || capturing)
         return false;
@@ -158,6 +236,8 @@ bool GstCamera::startCapture(const CameraCapability& capability, PixelFormat for
         LUMIFLUX_LOG(LogLevel::Error, "main ") << "capture on " << info.id << " failed: " << error << std::endl;
         return false;
     }
+    // A takePicture racing the last stop must not turn this capture's first frame into a picture.
+    pictureRequested = false;
     capturing = true;
     running = true;
     return true;
@@ -165,6 +245,8 @@ bool GstCamera::startCapture(const CameraCapability& capability, PixelFormat for
 
 bool GstCamera::stopCapture()
 {
+    if (refusedInsideCallback("stopCapture"))
+        return false;
     {
         std::lock_guard<std::mutex> control(controlMutex);
         if (!capturing)
@@ -180,22 +262,23 @@ bool GstCamera::stopCapture()
 
 bool GstCamera::isCapturing()
 {
-    std::lock_guard<std::mutex> control(controlMutex);
     return capturing;
 }
 
 bool GstCamera::takePicture()
 {
-    std::lock_guard<std::mutex> control(controlMutex);
+    // Only flags the next frame: works from a listener call too.
     if (!capturing)
         return false;
     pictureRequested = true;
     return true;
 }
 
+// The source element never changes and GObject properties are safe to use
+// from any thread, so parameters need no lock: a listener call may use them
+// while another thread stops the capture.
 bool GstCamera::getParameter(const std::string& name, std::string& value)
 {
-    std::lock_guard<std::mutex> control(controlMutex);
     if (!source)
         return false;
     GParamSpec* property = g_object_class_find_property(G_OBJECT_GET_CLASS(source.get()), name.c_str());
@@ -227,7 +310,6 @@ bool GstCamera::getParameter(const std::string& name, std::string& value)
 
 bool GstCamera::setParameter(const std::string& name, const std::string& value)
 {
-    std::lock_guard<std::mutex> control(controlMutex);
     if (!source)
         return false;
     GParamSpec* property = g_object_class_find_property(G_OBJECT_GET_CLASS(source.get()), name.c_str());
@@ -292,10 +374,11 @@ void GstCamera::deliver(GstSample* sample)
     std::shared_ptr<GraphicBuffer> frame = factory->create(buffer);
     const bool picture = pictureRequested.exchange(false);
     std::lock_guard<std::recursive_mutex> lock(listenerMutex);
-    if (listener == nullptr)
-        return;
-    listener->onFrame(frame);
-    if (picture)
+    CallbackScope scope(this);
+    if (listener != nullptr)
+        listener->onFrame(frame);
+    // onFrame may have removed the listener (or dropped the camera).
+    if (picture && listener != nullptr)
         listener->onPictureTaken(frame);
 }
 
@@ -337,6 +420,7 @@ void GstCamera::reportError(const std::string& text)
     }
     LUMIFLUX_LOG(LogLevel::Error, "main ") << "capture on " << info.id << " failed: " << text << std::endl;
     std::lock_guard<std::recursive_mutex> lock(listenerMutex);
+    CallbackScope scope(this);
     if (listener != nullptr)
         listener->onError(text);
 }
@@ -344,6 +428,7 @@ void GstCamera::reportError(const std::string& text)
 void GstCamera::reportEnded()
 {
     std::lock_guard<std::recursive_mutex> lock(listenerMutex);
+    CallbackScope scope(this);
     if (listener != nullptr)
         listener->onCaptureEnded();
 }

@@ -34,6 +34,14 @@ public:
     GstCamera(GstDevice* device, CameraInfo info, std::vector<CameraCapability> capabilities);
     /** Stops a capture in progress without telling the listener. */
     ~GstCamera() override;
+
+    /**
+     * The pointer the manager hands to applications. When its last copy goes
+     * inside one of this camera's own listener calls, the teardown (which
+     * waits for the thread running that call) moves to a thread of its own;
+     * everywhere else the camera is torn down before the release returns.
+     */
+    static std::shared_ptr<Camera> handOut(std::shared_ptr<GstCamera> camera);
     GstCamera(const GstCamera&) = delete;
     GstCamera& operator=(const GstCamera&) = delete;
 
@@ -56,17 +64,29 @@ private:
     void deliver(GstSample* sample);
     void reportError(const std::string& text);
     void reportEnded();
+    // True while this thread runs one of this camera's listener calls.
+    bool insideOwnCallback() const;
+    // False, with an error line, for an operation that would wait for the
+    // thread running the listener call it is made from.
+    bool refusedInsideCallback(const char* operation) const;
+    // The last application reference went inside a listener call.
+    static void releaseFromCallback(std::shared_ptr<GstCamera> camera);
     // Sets the pipeline to NULL, which waits for its streaming threads.
     void shutDown();
 
     const CameraInfo info;
     const std::vector<CameraCapability> capabilities;
 
-    std::mutex controlMutex; ///< serialises start, stop and parameter changes
+    // Serialises start and stop, which wait for the streaming thread; never
+    // taken by what a listener call may use (takePicture, isCapturing, the
+    // parameters), so a stop on another thread cannot wait for a callback
+    // that waits for this lock.
+    std::mutex controlMutex;
+    // Set in the constructor, never changed afterwards: read without a lock.
     Internal::Ref<GstElement> pipeline;
     Internal::Ref<GstElement> source;
     Internal::Ref<GstElement> capsFilter;
-    bool capturing = false; ///< under controlMutex
+    std::atomic<bool> capturing{false}; ///< written under controlMutex
 
     // Start-up handshake: startCapture waits for the first frame or an error.
     std::mutex startMutex;

@@ -213,7 +213,7 @@ std::shared_ptr<Camera> GstCameraManager::openCamera(const std::string& id)
     auto camera = std::make_shared<GstCamera>(device.get(), std::move(info), std::move(capabilities));
     if (!camera->valid())
         return nullptr;
-    return camera;
+    return GstCamera::handOut(std::move(camera));
 }
 
 } // namespace Tevara::Lumiflux::GstCameras

@@ -9,9 +9,12 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <thread>
 
@@ -19,7 +22,9 @@
 #include <lumiflux/gst_graphic_buffer.h>
 #include <lumiflux/plugin.h>
 
+#include "syslog_capture.h"
 #include "test_paths.h"
+#include "watchdog.h"
 
 namespace {
 
@@ -178,10 +183,13 @@ TEST_F(GstCamerasCapture, Nv12FramesOfAKnownPatternAtTheRequestedSizeAndRate)
     EXPECT_NE(listener.frameThreads[0], std::this_thread::get_id());
     ASSERT_EQ(listener.pictures.size(), 1u);
     EXPECT_NE(std::find(listener.frames.begin(), listener.frames.end(), listener.pictures[0]), listener.frames.end());
+    // The test camera is mounted turned; frames come unturned, as the sensor gives them.
+    EXPECT_NE(cameras[0].mountAngle, 0);
     for (const auto& frame : listener.frames) {
         EXPECT_EQ(frame->width, 320);
         EXPECT_EQ(frame->height, 240);
         EXPECT_EQ(frame->format, PixelFormat::YCbCrFlexible);
+        EXPECT_EQ(frame->rotation(), 0);
     }
     // White in limited-range BT.601: Y 235, chroma neutral; NV12 interleaves Cb and Cr.
     expectSolid(listener.frames.front(), 235, 128, 128, 2);
@@ -272,6 +280,168 @@ TEST_F(GstCamerasCapture, RefusedRequestsAndDestroyingACapturingCamera)
     auto view = listener.frames.back()->mapYCbCr();
     ASSERT_NE(view, nullptr);
     EXPECT_EQ(view->width, 320);
+}
+
+// --- re-entry and teardown from inside listener calls ------------------------
+
+// A Recorder whose frame callback also runs `inFrame` (once per frame).
+class ReentrantListener : public Recorder {
+public:
+    void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override
+    {
+        Recorder::onFrame(frame);
+        if (inFrame)
+            inFrame();
+    }
+    std::function<void()> inFrame;
+};
+
+class GstCamerasTeardown : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        manager = loadCameraPlugin("gst-teardown");
+        ASSERT_EQ(manager->getNumberOfCameras(), 1);
+        ASSERT_TRUE(manager->getCameraInfo(0, info));
+    }
+    std::shared_ptr<Camera> opened()
+    {
+        auto camera = manager->openCamera(info.id);
+        EXPECT_NE(camera, nullptr);
+        return camera;
+    }
+    // The listener (with its hooks) is complete before the streaming thread starts.
+    static bool start(Camera& camera, CameraListener& listener)
+    {
+        camera.setListener(&listener);
+        return camera.startCapture(CameraCapability{160, 120, 30}, PixelFormat::YUV420SemiPlanar);
+    }
+    // The camera can be opened and captures again after a teardown.
+    void expectCapturesAgain()
+    {
+        Recorder again;
+        auto camera = opened();
+        ASSERT_NE(camera, nullptr);
+        ASSERT_TRUE(start(*camera, again));
+        EXPECT_TRUE(again.waitForFrames(3));
+        EXPECT_TRUE(camera->stopCapture());
+    }
+    CameraManager* manager = nullptr;
+    CameraInfo info;
+};
+
+TEST_F(GstCamerasTeardown, LastReferenceDroppedInsideOnFrame)
+{
+    {
+        // A hang ends the program with a message instead of stalling ctest.
+        lumiflux_test::Watchdog watchdog("dropping the camera inside onFrame", 30s);
+        ReentrantListener listener;
+        std::shared_ptr<Camera> held = opened();
+        ASSERT_NE(held, nullptr);
+        Camera* camera = held.get();
+        std::promise<void> dropped;
+        // Not before startCapture has returned: the application must not let
+        // go of a camera while one of its own calls into it is still running.
+        std::atomic<bool> started{false};
+        listener.inFrame = [&] {
+            if (held && started && listener.frameCount() >= 3) {
+                held.reset(); // the application's only reference, on the streaming thread
+                dropped.set_value();
+            }
+        };
+        ASSERT_TRUE(start(*camera, listener)); // `held` is the streaming thread's from here on
+        started = true;
+        ASSERT_EQ(dropped.get_future().wait_for(20s), std::future_status::ready);
+        const size_t atDrop = listener.frameCount();
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(listener.frameCount(), atDrop) << "no callback after the last reference went";
+        expectCapturesAgain();
+    }
+}
+
+TEST_F(GstCamerasTeardown, LastReferenceDroppedInsideOnCaptureEndedOfStopCapture)
+{
+    {
+        lumiflux_test::Watchdog watchdog("dropping the camera inside onCaptureEnded", 30s);
+        struct DropOnEnd : Recorder {
+            void onCaptureEnded() override
+            {
+                Recorder::onCaptureEnded();
+                held.reset();
+            }
+            std::shared_ptr<Camera> held;
+        } listener;
+        listener.held = opened();
+        ASSERT_NE(listener.held, nullptr);
+        Camera* camera = listener.held.get();
+        ASSERT_TRUE(start(*camera, listener));
+        ASSERT_TRUE(listener.waitForFrames(2));
+        // The end is reported inside stopCapture, which must survive the release.
+        EXPECT_TRUE(camera->stopCapture());
+        EXPECT_EQ(listener.held, nullptr);
+        expectCapturesAgain();
+    }
+}
+
+// Calls the threading rules keep out of callbacks: refused with one error
+// line, or working; never a hang, and the application thread's own calls
+// afterwards (setListener, stopCapture) return.
+TEST_F(GstCamerasTeardown, CallsIntoTheSameCameraFromOnFrame)
+{
+    struct Case {
+        const char* name;
+        std::function<bool(Camera&)> call;
+        bool result;
+        const char* errorLine; // text of the one expected error line, or null
+    };
+    const std::vector<Case> cases{
+        {"stopCapture", [](Camera& c) { return c.stopCapture(); }, false, "stopCapture on "},
+        {"startCapture",
+         [](Camera& c) {
+             return c.startCapture(CameraCapability{160, 120, 30}, PixelFormat::YUV420Planar);
+         },
+         false, "startCapture on "},
+        {"takePicture", [](Camera& c) { return c.takePicture(); }, true, nullptr},
+        {"setParameter", [](Camera& c) { return c.setParameter("pattern", "black"); }, true, nullptr},
+    };
+    for (const Case& entry : cases) {
+        SCOPED_TRACE(entry.name);
+        lumiflux_test::clearSyslog();
+        {
+            lumiflux_test::Watchdog watchdog(entry.name, 30s);
+            ReentrantListener listener;
+            std::shared_ptr<Camera> camera = opened();
+            ASSERT_NE(camera, nullptr);
+            std::promise<bool> firstResult;
+            int calls = 0;
+            // A working call on every frame, so that some call overlaps the
+            // application's stop below; a refused one once.
+            listener.inFrame = [&] {
+                if (calls > 0 && entry.errorLine != nullptr)
+                    return;
+                const bool result = entry.call(*camera);
+                if (++calls == 1)
+                    firstResult.set_value(result);
+            };
+            auto result = firstResult.get_future();
+            ASSERT_TRUE(start(*camera, listener));
+            ASSERT_EQ(result.wait_for(20s), std::future_status::ready);
+            EXPECT_EQ(result.get(), entry.result);
+            if (entry.errorLine == nullptr) {
+                ASSERT_TRUE(listener.waitForFrames(6));
+            }
+            camera->setListener(nullptr);
+            EXPECT_TRUE(camera->stopCapture());
+        }
+        const auto lines = lumiflux_test::syslogRecordsContaining(entry.errorLine ? entry.errorLine : " refused ");
+        if (entry.errorLine == nullptr) {
+            EXPECT_TRUE(lines.empty());
+            continue;
+        }
+        ASSERT_EQ(lines.size(), 1u) << "one error line per refused call";
+        EXPECT_EQ(lines[0].priority & 7, 3) << "LOG_ERR";
+        EXPECT_NE(lines[0].text.find("refused inside its own listener call"), std::string::npos) << lines[0].text;
+    }
 }
 
 // --- hot-plug: a device provider of the test's own ---------------------------

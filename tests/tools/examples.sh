@@ -3,7 +3,8 @@
 # staging root, builds the README's example plug-ins (examples/) against the
 # installed headers and package files only, and has the installed tool load
 # and use each: the example camera captures, the example encoder writes a
-# VP8 stream that ffprobe reads back.
+# VP8 stream that ffprobe reads back. The example application (encode_app)
+# encodes frames from its own memory with the installed H.264 plug-in.
 set -euo pipefail
 build="$1"
 src="$2"
@@ -44,4 +45,13 @@ frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream
   -of csv=p=0 "$work/out.ivf")
 echo "ffprobe: $frames"
 [ "$frames" = "vp8,320,20" ] || fail "ffprobe reads '$frames' from the example encoder's stream, not vp8,320,20"
-echo "example plug-ins build against the installed headers and work"
+cmake -S "$src/examples/encode_app" -B "$work/encode_app" -DCMAKE_PREFIX_PATH="$prefix" > "$work/encode_app.log"
+cmake --build "$work/encode_app" >> "$work/encode_app.log" || { cat "$work/encode_app.log"; exit 1; }
+installed_plugins=$(dirname "$(find "$stage" -name lumiflux-gst-codecs.so | head -n1)")
+LUMIFLUX_NO_SYSLOG=1 LUMIFLUX_PLUGIN_DIR="$installed_plugins" "$work/encode_app/encode_app" "$work/app.h264" 45 \
+  || fail "the example application did not encode"
+frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=codec_name,width,height,nb_read_frames \
+  -of csv=p=0 "$work/app.h264")
+echo "ffprobe: $frames"
+[ "$frames" = "h264,320,240,45" ] || fail "ffprobe reads '$frames' from the example application's stream, not h264,320,240,45"
+echo "example plug-ins and application build against the installed headers and work"
