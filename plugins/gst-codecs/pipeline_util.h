@@ -31,9 +31,7 @@ struct PipelineParts {
  */
 bool buildPipeline(const CodecEntry& entry, PipelineParts* parts, std::string* error);
 
-/** Calls `handler` on the posting thread for every message of the pipeline's bus. */
-void watchBus(GstElement* pipeline, GstBusSyncHandler handler, gpointer data);
-/** Removes the handler; call once the pipeline is in the NULL state. */
+/** Removes the pipeline bus's sync handler; call once the pipeline is in the NULL state. */
 void unwatchBus(GstElement* pipeline);
 
 /** "element: message (debug)" of an error message. */
