@@ -303,6 +303,10 @@ std::vector<Candidate> candidates()
                             describeElement(element.get(), name, format->type, encoder),
                             {},
                             {}};
+        if (!candidate.family.defect.empty()) {
+            LUMIFLUX_LOG_DIGIT(0, "main ") << name << " left out: " << candidate.family.defect << std::endl;
+            continue;
+        }
         sizesFromCaps(rawSide.get(), *format, &candidate.sizeRange, &candidate.alignment);
         found.push_back(std::move(candidate));
     }

@@ -18,6 +18,7 @@ struct ElementFamily {
     std::string name; ///< the <element> part of the codec id
     int quality = 0;  ///< 1 to 9 for elements we know, 0 for others
     bool endAroundElement = false;
+    std::string defect; ///< why an element we know must not be offered; empty for usable ones
     std::vector<std::pair<std::string, std::string>> fixedProperties;
     /** Bit rate, key-frame interval and rate control, each only where a property takes it in a known unit. */
     std::vector<ParameterBinding> parameters;
