@@ -174,7 +174,7 @@ int roundUp(int value, int alignment)
     return (value + alignment - 1) / alignment * alignment;
 }
 
-// The appsrc caps of a probe or of a real stream of `size`.
+// The appsrc caps of a probe with frames of `size`.
 Internal::Ref<GstCaps> inputCaps(const CodecEntry& entry, Size size)
 {
     auto caps = capsOf(entry.encoder ? "video/x-raw,format=I420" : entry.encodedCaps.c_str());
@@ -192,8 +192,6 @@ Internal::Ref<GstBuffer> runOnce(const CodecEntry& entry, GstCaps* caps, GstBuff
     PipelineParts parts;
     if (!buildPipeline(entry, &parts, error))
         return {};
-    for (const auto& property : entry.fixedProperties)
-        gst_util_set_object_arg(G_OBJECT(parts.codec.get()), property.first.c_str(), property.second.c_str());
     g_object_set(parts.source.get(), "caps", caps, "format", GST_FORMAT_TIME, nullptr);
     // The output is pulled once the stream has ended.
     g_object_set(parts.sink.get(), "wait-on-eos", FALSE, nullptr);

@@ -68,8 +68,6 @@ bool CodecPipeline::start(const CodecEntry& entry, const Internal::ParameterSet&
     PipelineParts parts;
     if (!buildPipeline(entry, &parts, error) || !applyParameters(parts.codec.get(), parameters, entry, error))
         return false;
-    for (const auto& property : entry.fixedProperties)
-        gst_util_set_object_arg(G_OBJECT(parts.codec.get()), property.first.c_str(), property.second.c_str());
 
     g_object_set(parts.source.get(), "caps", caps, "format", GST_FORMAT_TIME, "is-live", FALSE, "block", TRUE,
                  "max-buffers", maxBuffers, nullptr);

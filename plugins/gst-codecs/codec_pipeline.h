@@ -41,8 +41,8 @@ public:
     CodecPipeline& operator=(const CodecPipeline&) = delete;
 
     /**
-     * Builds the pipeline of `entry`, applies `parameters` and the entry's
-     * fixed properties to the codec element, gives the appsrc `caps` and room
+     * Builds the pipeline of `entry` (with its fixed properties), applies
+     * `parameters` to the codec element, gives the appsrc `caps` and room
      * for `maxBuffers` queued buffers (pushing blocks beyond), and sets it
      * playing. False with `error` set, and nothing left running, on failure.
      * The handlers are kept with the pipeline until it is gone, so they must

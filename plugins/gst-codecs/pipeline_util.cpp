@@ -68,6 +68,8 @@ bool buildPipeline(const CodecEntry& entry, PipelineParts* parts, std::string* e
             chain.push_back(parser.get());
         chain.insert(chain.end(), {codec.get(), convert.get(), filter.get(), sink.get()});
     }
+    for (const auto& property : entry.fixedProperties)
+        gst_util_set_object_arg(G_OBJECT(codec.get()), property.first.c_str(), property.second.c_str());
     if (entry.endAroundElement) {
         // The probe lives as long as the pad.
         auto pad = Internal::Ref<GstPad>::adopt(gst_element_get_static_pad(codec.get(), "sink"));

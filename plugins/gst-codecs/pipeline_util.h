@@ -24,7 +24,8 @@ struct PipelineParts {
 };
 
 /**
- * Builds, links and returns the pipeline of `entry`. Encoders:
+ * Builds, links and returns the pipeline of `entry`, with the entry's fixed
+ * properties set on the codec element. Encoders:
  * appsrc ! videoconvert ! codec [! parser] ! capsfilter(encoded caps) ! appsink;
  * decoders: appsrc [! parser] ! codec ! videoconvert ! capsfilter(NV12) ! appsink.
  * False with `error` set when an element is missing or does not link.
