@@ -187,6 +187,26 @@ const std::map<std::string, Pair>& pairs()
           "appsrc name=src ! videoconvert ! vp8enc target-bitrate=2000000 keyframe-max-dist=60 end-usage=vbr "
           "deadline=1 cpu-used=4 ! video/x-vp8 ! appsink name=sink",
           "appsrc name=src ! vp8dec ! videoconvert ! video/x-raw,format=NV12 ! appsink name=sink", "video/x-vp8"}},
+        {"h265",
+         {"gst.h265.x265.enc", "gst.h265.avdec.dec",
+          "appsrc name=src ! videoconvert ! x265enc bitrate=2000 key-int-max=60 speed-preset=ultrafast "
+          "tune=zerolatency log-level=none ! h265parse config-interval=-1 ! "
+          "video/x-h265,stream-format=byte-stream,alignment=au ! appsink name=sink",
+          "appsrc name=src ! h265parse ! avdec_h265 ! videoconvert ! video/x-raw,format=NV12 ! appsink name=sink",
+          "video/x-h265,stream-format=byte-stream"}},
+        {"vp9",
+         {"gst.vp9.vpx.enc", "gst.vp9.vpx.dec",
+          "appsrc name=src ! videoconvert ! vp9enc target-bitrate=2000000 keyframe-max-dist=60 end-usage=vbr "
+          "deadline=1 cpu-used=6 row-mt=true ! video/x-vp9 ! appsink name=sink",
+          "appsrc name=src ! vp9parse ! vp9dec ! videoconvert ! video/x-raw,format=NV12 ! appsink name=sink",
+          "video/x-vp9"}},
+        {"av1",
+         {"gst.av1.aom.enc", "gst.av1.aom.dec",
+          "appsrc name=src ! videoconvert ! av1enc target-bitrate=2000 keyframe-max-dist=60 end-usage=vbr "
+          "usage-profile=realtime cpu-used=8 row-mt=true ! video/x-av1,stream-format=obu-stream,alignment=tu ! "
+          "appsink name=sink",
+          "appsrc name=src ! av1parse ! av1dec ! videoconvert ! video/x-raw,format=NV12 ! appsink name=sink",
+          "video/x-av1,stream-format=obu-stream,alignment=tu"}},
     };
     return list;
 }

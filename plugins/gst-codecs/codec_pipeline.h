@@ -4,6 +4,7 @@
 // to their listener.
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -22,7 +23,8 @@ namespace Tevara::Lumiflux::GstCodecs {
  * The pipeline of a started encoder or decoder (see buildPipeline()): start()
  * builds it and sets it playing, flush() empties it, stop() ends it. The
  * handlers run on GStreamer's streaming threads until stop() returns. Not
- * copyable: the pipeline's callbacks point at this object.
+ * copyable: stop() must know whether it runs on one of its own pipeline's
+ * streaming threads.
  */
 class CodecPipeline {
 public:
@@ -39,16 +41,24 @@ public:
     CodecPipeline& operator=(const CodecPipeline&) = delete;
 
     /**
-     * Builds the pipeline of `entry`, applies `parameters` and the entry's
-     * fixed properties to the codec element, gives the appsrc `caps` and room
+     * Builds the pipeline of `entry` (with its fixed properties), applies
+     * `parameters` to the codec element, gives the appsrc `caps` and room
      * for `maxBuffers` queued buffers (pushing blocks beyond), and sets it
      * playing. False with `error` set, and nothing left running, on failure.
+     * The handlers are kept with the pipeline until it is gone, so they must
+     * not hold the codec itself (a weak reference).
      */
     bool start(const CodecEntry& entry, const Internal::ParameterSet& parameters, GstCaps* caps, guint64 maxBuffers,
                Handlers handlers, std::string* error);
     /** Drops whatever is queued in every element; the pipeline keeps playing. False when not started. */
     bool flush();
-    /** Joins the streaming threads (no handler runs once this returns) and lets the pipeline go. */
+    /**
+     * Joins the streaming threads (no handler runs once this returns) and
+     * lets the pipeline go. Called from one of those threads (the codec
+     * dropped from its own listener), it cannot wait for itself: the
+     * pipeline then goes down on a thread of its own, and handlers that
+     * still run find their codec gone.
+     */
     void stop();
 
     explicit operator bool() const { return static_cast<bool>(pipeline); } ///< started
@@ -56,11 +66,9 @@ public:
     GstElement* codec() const { return codecElement.get(); }               ///< the codec element, or null
 
 private:
-    static GstFlowReturn onNewSample(GstAppSink* sink, gpointer self);
-    static void onEos(GstAppSink* sink, gpointer self);
-    static GstBusSyncReply onBusMessage(GstBus* bus, GstMessage* message, gpointer self);
+    struct Shared;
 
-    Handlers handlers;
+    std::shared_ptr<Shared> shared;
     Internal::Ref<GstElement> pipeline;
     Internal::Ref<GstElement> appSource;
     Internal::Ref<GstElement> codecElement;
@@ -82,6 +90,28 @@ void notifyListener(std::recursive_mutex& mutex, Listener* const& listener, cons
     } catch (...) {
         LUMIFLUX_LOG_DIGIT(2, "main ") << id << ": listener threw" << std::endl;
     }
+}
+
+/**
+ * Handlers that reach `codec` (its deliver(), endOfStream() and
+ * reportError()) while it exists. A handler holds the codec for the length
+ * of its call, so that a listener may drop the application's last
+ * reference (see GstCodecManager) from inside a call.
+ */
+template <typename Codec> CodecPipeline::Handlers weakHandlers(const std::weak_ptr<Codec>& codec)
+{
+    return {[codec](GstSample* sample) {
+                if (auto held = codec.lock())
+                    held->deliver(sample);
+            },
+            [codec] {
+                if (auto held = codec.lock())
+                    held->endOfStream();
+            },
+            [codec](const std::string& message) {
+                if (auto held = codec.lock())
+                    held->reportError(message);
+            }};
 }
 
 } // namespace Tevara::Lumiflux::GstCodecs

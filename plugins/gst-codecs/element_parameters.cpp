@@ -21,27 +21,6 @@ bool ChoiceParameter::validate(const std::string& value) const
     return DiscreteParameterMixin::validate(value);
 }
 
-namespace {
-
-std::vector<std::string> enumNicks(const std::string& elementName, const std::string& property)
-{
-    std::vector<std::string> nicks;
-    GstElement* made = gst_element_factory_make(elementName.c_str(), nullptr);
-    if (made == nullptr)
-        return nicks;
-    // Sinking the floating reference makes it the one the owner releases.
-    auto element = Internal::Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(made)));
-    GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(element.get()), property.c_str());
-    if (spec == nullptr || !G_IS_PARAM_SPEC_ENUM(spec))
-        return nicks;
-    GEnumClass* enumClass = G_PARAM_SPEC_ENUM(spec)->enum_class;
-    for (guint i = 0; i < enumClass->n_values; ++i)
-        nicks.emplace_back(enumClass->values[i].value_nick);
-    return nicks;
-}
-
-} // namespace
-
 void registerParameters(Internal::ParameterSet& set, const CodecEntry& entry)
 {
     for (const auto& binding : entry.parameters) {
@@ -51,11 +30,10 @@ void registerParameters(Internal::ParameterSet& set, const CodecEntry& entry)
             parameter = new Internal::IntParameter(binding.initial, binding.min, binding.max);
             break;
         case ParameterBinding::Kind::Choice: {
-            auto nicks = enumNicks(entry.element, binding.property);
-            if (nicks.empty())
-                continue;
-            const bool known = std::find(nicks.begin(), nicks.end(), binding.initial) != nicks.end();
-            parameter = new ChoiceParameter(known ? binding.initial : nicks.front(), std::move(nicks));
+            std::vector<std::string> texts;
+            for (const auto& choice : binding.choices)
+                texts.push_back(choice.first);
+            parameter = new ChoiceParameter(binding.initial, std::move(texts));
             break;
         }
         case ParameterBinding::Kind::ReadOnly:
@@ -76,17 +54,47 @@ const ParameterBinding* findBinding(const CodecEntry& entry, unsigned id)
     return nullptr;
 }
 
+namespace {
+
+// The number a parameter stands for, in the property's unit.
+int propertyValue(const Internal::Parameter& parameter, const ParameterBinding& binding)
+{
+    if (binding.kind == ParameterBinding::Kind::Integer)
+        return static_cast<const Internal::IntParameter&>(parameter).value() / binding.divisor;
+    for (const auto& choice : binding.choices)
+        if (choice.first == parameter.get())
+            return choice.second;
+    return 0;
+}
+
+// Controls live in one structure property: read it, change our fields,
+// write it back, so that controls set by others stay.
+void applyControls(GstElement* element, const Internal::Parameter& parameter, const ParameterBinding& binding)
+{
+    GstStructure* current = nullptr;
+    g_object_get(element, binding.property.c_str(), &current, nullptr);
+    auto controls =
+        Internal::Ref<GstStructure>::adopt(current != nullptr ? current : gst_structure_new_empty("controls"));
+    for (const auto& control : binding.controls)
+        gst_structure_set(controls.get(), control.c_str(), G_TYPE_INT, propertyValue(parameter, binding), nullptr);
+    g_object_set(element, binding.property.c_str(), controls.get(), nullptr);
+}
+
+} // namespace
+
 bool applyParameter(GstElement* element, const Internal::ParameterSet& set, const ParameterBinding& binding)
 {
     const Internal::Parameter* parameter = set.find(binding.id);
     if (parameter == nullptr || binding.property.empty() ||
         g_object_class_find_property(G_OBJECT_GET_CLASS(element), binding.property.c_str()) == nullptr)
         return false;
-    std::string text;
-    if (binding.kind == ParameterBinding::Kind::Integer)
-        text = std::to_string(static_cast<const Internal::IntParameter*>(parameter)->value() / binding.divisor);
-    else
-        text = parameter->get();
+    if (!binding.controls.empty()) {
+        applyControls(element, *parameter, binding);
+        return true;
+    }
+    const std::string text = binding.kind == ParameterBinding::Kind::Integer
+                                 ? std::to_string(propertyValue(*parameter, binding))
+                                 : parameter->get();
     // Parses the text by the property's own type, enumeration nicks included.
     gst_util_set_object_arg(G_OBJECT(element), binding.property.c_str(), text.c_str());
     return true;

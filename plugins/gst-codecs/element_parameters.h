@@ -21,8 +21,8 @@ public:
 };
 
 /**
- * Registers the entry's parameters in `set`. Enumeration choices come from
- * the installed element's own property, so they always match what it accepts.
+ * Registers the entry's parameters in `set`. Enumeration choices were read
+ * from the installed element's own property, so they match what it accepts.
  */
 void registerParameters(Internal::ParameterSet& set, const CodecEntry& entry);
 

@@ -1,10 +1,7 @@
 #include "gst_codec_manager.h"
 
-#include <algorithm>
-
 #include <gst/gst.h>
 
-#include "codec_catalog.h"
 #include "core/log_macros.h"
 #include "pipeline_video_decoder.h"
 #include "pipeline_video_encoder.h"
@@ -13,12 +10,20 @@ namespace Tevara::Lumiflux::GstCodecs {
 
 namespace {
 
-// Software codecs share the processors: an encoder keeps about one busy, a
-// decoder about half of one, so allow that many at once (at least two).
-int maxInstances(bool encoder)
+// What the application gets: its references share one owner of the codec.
+// When the last of them goes, the codec stops first: on an application
+// thread that waits for the streaming threads, so no listener call runs
+// afterwards; on the codec's own streaming thread (dropped from a listener
+// call) without waiting for itself. The object goes with the last
+// reference of any kind, which a streaming thread may hold for the length
+// of one call.
+template <typename Interface, typename Codec> std::shared_ptr<Interface> handOut(std::shared_ptr<Codec> codec)
 {
-    const int processors = static_cast<int>(g_get_num_processors());
-    return std::max(2, encoder ? processors : 2 * processors);
+    Interface* object = codec.get();
+    return std::shared_ptr<Interface>(object, [owner = std::move(codec)](Interface*) mutable {
+        owner->stop();
+        owner.reset();
+    });
 }
 
 } // namespace
@@ -33,22 +38,30 @@ bool GstCodecManager::init()
             g_error_free(error);
         return false;
     }
-    for (const CodecEntry& entry : codecCatalog()) {
-        if (!elementsAvailable(entry)) {
-            LUMIFLUX_LOG_DIGIT(0, "main ")
-                << entry.id << " left out: GStreamer element " << entry.element << " is not installed" << std::endl;
-            continue;
+    // The registry is read and tried once per process: the list of codecs
+    // must not change once the root has it.
+    std::call_once(discovered, [this] {
+        entries = discoverCodecs();
+        for (const CodecEntry& entry : entries) {
+            VideoCodecInfo info;
+            info.type = entry.type;
+            info.encoder = entry.encoder;
+            info.id = entry.id;
+            info.priority = entry.priority;
+            info.maxInstances = entry.maxInstances;
+            info.hw = entry.hw;
+            addCodec(Internal::VideoCodecDesc(info, entry.sizeRange, entry.alignment));
         }
-        VideoCodecInfo info;
-        info.type = entry.type;
-        info.encoder = entry.encoder;
-        info.id = entry.id;
-        info.priority = entry.priority;
-        info.maxInstances = maxInstances(entry.encoder);
-        info.hw = false;
-        addCodec(Internal::VideoCodecDesc(info, entry.sizeRange, Size{2, 2}));
-    }
+    });
     return true;
+}
+
+const CodecEntry* GstCodecManager::findEntry(const std::string& id) const
+{
+    for (const auto& entry : entries)
+        if (entry.id == id)
+            return &entry;
+    return nullptr;
 }
 
 std::shared_ptr<VideoEncoder> GstCodecManager::instantiateVideoEncoder(const Internal::VideoCodecDesc& desc)
@@ -56,18 +69,18 @@ std::shared_ptr<VideoEncoder> GstCodecManager::instantiateVideoEncoder(const Int
     // A decoder's id may arrive here too (the geometry and support queries
     // ask an encoder): the object then answers those queries and refuses to
     // be configured.
-    const CodecEntry* entry = findCodec(desc.getInfo().id);
+    const CodecEntry* entry = findEntry(desc.getInfo().id);
     if (entry == nullptr)
         return nullptr;
-    return std::make_shared<PipelineVideoEncoder>(this, desc, *entry);
+    return handOut<VideoEncoder>(std::make_shared<PipelineVideoEncoder>(this, desc, *entry));
 }
 
 std::shared_ptr<VideoDecoder> GstCodecManager::instantiateVideoDecoder(const Internal::VideoCodecDesc& desc)
 {
-    const CodecEntry* entry = findCodec(desc.getInfo().id);
+    const CodecEntry* entry = findEntry(desc.getInfo().id);
     if (entry == nullptr)
         return nullptr;
-    return std::make_shared<PipelineVideoDecoder>(this, desc, *entry);
+    return handOut<VideoDecoder>(std::make_shared<PipelineVideoDecoder>(this, desc, *entry));
 }
 
 } // namespace Tevara::Lumiflux::GstCodecs

@@ -1,5 +1,5 @@
-// lumiflux-gst-codecs: software video encoders and decoders on GStreamer
-// elements.
+// lumiflux-gst-codecs: the video encoders and decoders of the GStreamer
+// registry, hardware ones first.
 
 #include <lumiflux/plugin.h>
 
@@ -9,8 +9,8 @@ namespace {
 
 class GstCodecsModule : public Tevara::Lumiflux::PluginModule {
 public:
-    // Below zero, so that every hardware codec of a module at priority 0 or
-    // above is preferred to these, consistently.
+    // Below zero, so that every hardware codec of a device maker's module at
+    // priority 0 or above comes before our software codecs, consistently.
     int getPriority() override { return -1; }
     std::shared_ptr<Tevara::Lumiflux::CameraManager> getCameraManager() override { return {}; }
     std::shared_ptr<Tevara::Lumiflux::CodecManager> getCodecManager() override { return manager; }

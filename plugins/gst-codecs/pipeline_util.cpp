@@ -17,6 +17,22 @@ Internal::Ref<GstElement> make(const std::string& factory, std::string* error)
     return Internal::Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(element)));
 }
 
+// Sends the end of the stream past the element whose sink pad this is,
+// straight from its source pad. Only for elements that hold no frames, so
+// nothing is left behind; runs on the streaming thread, in stream order.
+GstPadProbeReturn sendEndAround(GstPad* pad, GstPadProbeInfo* info, gpointer)
+{
+    GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+    if (GST_EVENT_TYPE(event) != GST_EVENT_EOS)
+        return GST_PAD_PROBE_OK;
+    auto element = Internal::Ref<GstElement>::adopt(gst_pad_get_parent_element(pad));
+    auto source = Internal::Ref<GstPad>::adopt(element ? gst_element_get_static_pad(element.get(), "src") : nullptr);
+    if (!source)
+        return GST_PAD_PROBE_OK;
+    gst_pad_push_event(source.get(), gst_event_ref(event));
+    return GST_PAD_PROBE_DROP;
+}
+
 } // namespace
 
 bool buildPipeline(const CodecEntry& entry, PipelineParts* parts, std::string* error)
@@ -52,6 +68,14 @@ bool buildPipeline(const CodecEntry& entry, PipelineParts* parts, std::string* e
             chain.push_back(parser.get());
         chain.insert(chain.end(), {codec.get(), convert.get(), filter.get(), sink.get()});
     }
+    for (const auto& property : entry.fixedProperties)
+        gst_util_set_object_arg(G_OBJECT(codec.get()), property.first.c_str(), property.second.c_str());
+    if (entry.endAroundElement) {
+        // The probe lives as long as the pad.
+        auto pad = Internal::Ref<GstPad>::adopt(gst_element_get_static_pad(codec.get(), "sink"));
+        if (pad)
+            gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, &sendEndAround, nullptr, nullptr);
+    }
     g_object_set(filter.get(), "caps", caps.get(), nullptr);
     g_object_set(sink.get(), "sync", FALSE, "emit-signals", FALSE, nullptr);
 
@@ -68,12 +92,6 @@ bool buildPipeline(const CodecEntry& entry, PipelineParts* parts, std::string* e
     parts->codec = std::move(codec);
     parts->sink = std::move(sink);
     return true;
-}
-
-void watchBus(GstElement* pipeline, GstBusSyncHandler handler, gpointer data)
-{
-    auto bus = Internal::Ref<GstBus>::adopt(gst_element_get_bus(pipeline));
-    gst_bus_set_sync_handler(bus.get(), handler, data, nullptr);
 }
 
 void unwatchBus(GstElement* pipeline)

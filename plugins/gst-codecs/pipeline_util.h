@@ -24,16 +24,15 @@ struct PipelineParts {
 };
 
 /**
- * Builds, links and returns the pipeline of `entry`. Encoders:
+ * Builds, links and returns the pipeline of `entry`, with the entry's fixed
+ * properties set on the codec element. Encoders:
  * appsrc ! videoconvert ! codec [! parser] ! capsfilter(encoded caps) ! appsink;
  * decoders: appsrc [! parser] ! codec ! videoconvert ! capsfilter(NV12) ! appsink.
  * False with `error` set when an element is missing or does not link.
  */
 bool buildPipeline(const CodecEntry& entry, PipelineParts* parts, std::string* error);
 
-/** Calls `handler` on the posting thread for every message of the pipeline's bus. */
-void watchBus(GstElement* pipeline, GstBusSyncHandler handler, gpointer data);
-/** Removes the handler; call once the pipeline is in the NULL state. */
+/** Removes the pipeline bus's sync handler; call once the pipeline is in the NULL state. */
 void unwatchBus(GstElement* pipeline);
 
 /** "element: message (debug)" of an error message. */

@@ -61,10 +61,7 @@ bool PipelineVideoDecoder::start()
     framesDelivered = 0;
     failed = false;
     std::string error;
-    if (!pipeline.start(entry, parameterSet, caps.get(), 8,
-                        {[this](GstSample* sample) { deliver(sample); }, [this] { endOfStream(); },
-                         [this](const std::string& message) { reportError(message); }},
-                        &error)) {
+    if (!pipeline.start(entry, parameterSet, caps.get(), 8, weakHandlers(weak_from_this()), &error)) {
         LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": " << error << std::endl;
         return false;
     }

@@ -22,7 +22,8 @@
 
 namespace Tevara::Lumiflux::GstCodecs {
 
-class PipelineVideoDecoder : public Internal::BaseVideoDecoder {
+class PipelineVideoDecoder : public Internal::BaseVideoDecoder,
+                             public std::enable_shared_from_this<PipelineVideoDecoder> {
 public:
     PipelineVideoDecoder(Internal::BaseCodecManager* owner, const Internal::VideoCodecDesc& codec,
                          const CodecEntry& entry);
@@ -38,11 +39,12 @@ public:
     std::string getParameter(unsigned id) const override;
     const Internal::ParameterSet& parameters() const override;
 
-private:
     // Streaming threads, from the pipeline's handlers.
     void deliver(GstSample* sample);
     void endOfStream();
     void reportError(const std::string& message);
+
+private:
     void teardown();
 
     const CodecEntry& entry;

@@ -75,10 +75,7 @@ bool PipelineVideoEncoder::start()
     frameCount = 0;
     pending = 0;
     std::string error;
-    if (!pipeline.start(entry, parameterSet, caps.get(), 4,
-                        {[this](GstSample* sample) { deliver(sample); }, [this] { endOfStream(); },
-                         [this](const std::string& message) { reportError(message); }},
-                        &error)) {
+    if (!pipeline.start(entry, parameterSet, caps.get(), 4, weakHandlers(weak_from_this()), &error)) {
         LUMIFLUX_LOG_DIGIT(2, "main ") << entry.id << ": " << error << std::endl;
         return false;
     }
@@ -244,7 +241,12 @@ void PipelineVideoEncoder::deliver(GstSample* sample)
     EncodedFrame frame;
     frame.data = map.data;
     frame.size = map.size;
-    frame.timestamp = GST_BUFFER_PTS_IS_VALID(buffer) ? static_cast<std::int64_t>(GST_BUFFER_PTS(buffer) / 1000) : -1;
+    // Some encoders (x264) shift their output by an offset, which their
+    // segment takes back: the stream time is the input frame's time.
+    GstClockTime pts = GST_BUFFER_PTS(buffer);
+    if (const GstSegment* segment = gst_sample_get_segment(sample); segment != nullptr && GST_CLOCK_TIME_IS_VALID(pts))
+        pts = gst_segment_to_stream_time(segment, GST_FORMAT_TIME, pts);
+    frame.timestamp = GST_CLOCK_TIME_IS_VALID(pts) ? static_cast<std::int64_t>(pts / 1000) : -1;
     frame.keyFrame = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
     if (pending > 0)
         --pending;

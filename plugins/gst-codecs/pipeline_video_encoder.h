@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 #include <gst/app/app.h>
@@ -19,7 +20,8 @@
 
 namespace Tevara::Lumiflux::GstCodecs {
 
-class PipelineVideoEncoder : public Internal::BaseVideoEncoder {
+class PipelineVideoEncoder : public Internal::BaseVideoEncoder,
+                             public std::enable_shared_from_this<PipelineVideoEncoder> {
 public:
     PipelineVideoEncoder(Internal::BaseCodecManager* owner, const Internal::VideoCodecDesc& codec,
                          const CodecEntry& entry);
@@ -36,14 +38,15 @@ public:
     int pendingFrames() const override;
     void eos() override;
 
-private:
-    // The frame as a buffer of the configured layout: the frame's own
-    // GStreamer buffer when it has one in that layout, else a copy.
-    GstBuffer* inputBuffer(GraphicBuffer& frame);
     // Streaming threads, from the pipeline's handlers.
     void deliver(GstSample* sample);
     void endOfStream();
     void reportError(const std::string& message);
+
+private:
+    // The frame as a buffer of the configured layout: the frame's own
+    // GStreamer buffer when it has one in that layout, else a copy.
+    GstBuffer* inputBuffer(GraphicBuffer& frame);
     void teardown();
 
     const CodecEntry& entry;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <iostream>
 
 #include <unistd.h>
@@ -81,15 +82,38 @@ bool parseSize(const std::string& text, int* width, int* height)
     return *width > 0 && *height > 0;
 }
 
-IvfWriter::IvfWriter(std::FILE* output, int width, int height, int framerate) : file(output), rate(framerate)
+namespace {
+const std::vector<std::pair<CodecType, std::string>>& fourccs()
+{
+    static const std::vector<std::pair<CodecType, std::string>> list{
+        {CodecType::VP8, "VP80"}, {CodecType::VP9, "VP90"}, {CodecType::AV1, "AV01"}};
+    return list;
+}
+} // namespace
+
+const char* ivfFourcc(CodecType type)
+{
+    for (const auto& [value, code] : fourccs())
+        if (value == type)
+            return code.c_str();
+    return nullptr;
+}
+
+CodecType codecTypeFromFourcc(const std::string& fourcc)
+{
+    for (const auto& [value, code] : fourccs())
+        if (code == fourcc)
+            return value;
+    return CodecType::Unknown;
+}
+
+IvfWriter::IvfWriter(std::FILE* output, const char* fourcc, int width, int height, int framerate)
+    : file(output), rate(framerate)
 {
     std::uint8_t header[32] = {'D', 'K', 'I', 'F'};
     put16(header + 4, 0);
     put16(header + 6, 32);
-    header[8] = 'V';
-    header[9] = 'P';
-    header[10] = '8';
-    header[11] = '0';
+    std::memcpy(header + 8, fourcc, 4);
     put16(header + 12, static_cast<unsigned>(width));
     put16(header + 14, static_cast<unsigned>(height));
     put32(header + 16, static_cast<std::uint32_t>(framerate));

@@ -1,8 +1,8 @@
 #pragma once
 
 // What the codec commands share: codec names, picking a codec from the
-// command line, the IVF container for VP8, the progress line, and running a
-// codec with a listener to the end of the stream.
+// command line, the IVF container for VP8, VP9 and AV1, the progress line,
+// and running a codec with a listener to the end of the stream.
 
 #include <condition_variable>
 #include <cstdint>
@@ -25,10 +25,15 @@ Tevara::Lumiflux::CodecType codecTypeFromName(const std::string& name);
 /** Parses "WxH"; false when it is not two positive numbers. */
 bool parseSize(const std::string& text, int* width, int* height);
 
+/** The IVF four-character code of `type` ("VP80", "VP90", "AV01"), or null for a byte-stream format. */
+const char* ivfFourcc(Tevara::Lumiflux::CodecType type);
+/** The type an IVF four-character code stands for, or Unknown. */
+Tevara::Lumiflux::CodecType codecTypeFromFourcc(const std::string& fourcc);
+
 /** Writes an IVF file: a 32-byte header, then a 12-byte header per frame. */
 class IvfWriter {
 public:
-    IvfWriter(std::FILE* file, int width, int height, int framerate);
+    IvfWriter(std::FILE* file, const char* fourcc, int width, int height, int framerate);
     void writeFrame(const std::uint8_t* data, std::size_t size, std::int64_t timestampUs);
     /** Writes the frame count into the header. */
     void finish();

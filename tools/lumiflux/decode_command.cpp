@@ -1,5 +1,5 @@
-// lumiflux decode: an H.264/H.265 byte stream or an IVF file (VP8) into raw
-// NV12 frames.
+// lumiflux decode: an H.264/H.265 byte stream or an IVF file (VP8, VP9,
+// AV1) into raw NV12 frames.
 
 #include <cstdio>
 #include <fstream>
@@ -109,7 +109,7 @@ int decode(const DecodeOptions& options, Output& out)
             out.error("BadInput", error);
             return 1;
         }
-        type = fourcc == "VP80" ? CodecType::VP8 : fourcc == "VP90" ? CodecType::VP9 : CodecType::Unknown;
+        type = codecTypeFromFourcc(fourcc);
         for (const auto& frame : ivfFrames)
             units.push_back({frame.data.data(), frame.data.size(), frame.timestampUs});
     } else if (endsWith(options.input, ".h265") || endsWith(options.input, ".hevc")) {
@@ -177,7 +177,9 @@ int decode(const DecodeOptions& options, Output& out)
 std::function<int(Output&)> setup(CLI::App& app)
 {
     auto options = std::make_shared<DecodeOptions>();
-    app.add_option("input", options->input, "H.264 (.h264), H.265 (.h265) byte stream or IVF (.ivf) file")->required();
+    app.add_option("input", options->input,
+                   "H.264 (.h264), H.265 (.h265) byte stream or IVF (.ivf: VP8, VP9, AV1) file")
+        ->required();
     app.add_option("-o,--output", options->output, "raw NV12 output file")->required();
     app.add_option("-c,--codec", options->codec, "decoder id (default: the preferred one for the stream)");
     app.add_option("--framerate", options->framerate, "frames per second, for timestamps")->capture_default_str();

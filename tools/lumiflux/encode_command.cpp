@@ -1,5 +1,6 @@
 // lumiflux encode: raw NV12/I420 frames, or the built-in test pattern,
-// through a codec into an H.264/H.265 byte stream or an IVF file (VP8).
+// through a codec into an H.264/H.265 byte stream or an IVF file (VP8, VP9,
+// AV1).
 
 #include <cstdio>
 #include <fstream>
@@ -35,8 +36,8 @@ class FileSink : public VideoEncoderListener, public RunState {
 public:
     FileSink(std::FILE* output, CodecType type, int width, int height, int framerate) : file(output)
     {
-        if (type == CodecType::VP8)
-            ivf = std::make_unique<IvfWriter>(file, width, height, framerate);
+        if (const char* fourcc = ivfFourcc(type))
+            ivf = std::make_unique<IvfWriter>(file, fourcc, width, height, framerate);
     }
     void onEncodedFrame(const EncodedFrame& frame) override
     {
@@ -233,9 +234,10 @@ std::function<int(Output&)> setup(CLI::App& app)
 {
     auto options = std::make_shared<EncodeOptions>();
     app.add_option("input", options->input, "raw frames file, or 'pattern' for the built-in test pattern")->required();
-    app.add_option("-c,--codec", options->codec, "codec id (see lumiflux codecs) or type: h264, vp8")
+    app.add_option("-c,--codec", options->codec, "codec id (see lumiflux codecs) or type: h264, h265, vp8, vp9, av1")
         ->capture_default_str();
-    app.add_option("-o,--output", options->output, "output file (.h264, or .ivf for VP8)")->required();
+    app.add_option("-o,--output", options->output, "output file (.h264 or .h265, or .ivf for VP8, VP9 and AV1)")
+        ->required();
     app.add_option("--size", options->size, "frame size WIDTHxHEIGHT (default 640x480 for the pattern)");
     app.add_option("--format", options->format, "raw input layout: nv12 or i420")->capture_default_str();
     app.add_option("--bitrate", options->bitrate, "bits per second");
