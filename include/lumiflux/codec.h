@@ -117,8 +117,10 @@ struct EncodedFrame {
 
 /**
  * What an encoder reports. Called on the encoder's own streaming thread with
- * the encoder's listenerMutex held; a listener must not destroy its encoder
- * from inside a call.
+ * the encoder's listenerMutex held. The bundled plug-in's encoders may be
+ * destroyed from inside a call (the last reference dropped there): the
+ * encoder then stops without waiting for the thread the call runs on, and
+ * nothing more is reported. A plug-in that cannot do this says so.
  */
 class LUMIFLUX_EXPORT VideoEncoderListener {
 public:
@@ -133,8 +135,10 @@ public:
 
 /**
  * What a decoder reports. Called on the decoder's own streaming thread with
- * the decoder's listenerMutex held; a listener must not destroy its decoder
- * from inside a call.
+ * the decoder's listenerMutex held. The bundled plug-in's decoders may be
+ * destroyed from inside a call (the last reference dropped there): the
+ * decoder then stops without waiting for the thread the call runs on, and
+ * nothing more is reported. A plug-in that cannot do this says so.
  */
 class LUMIFLUX_EXPORT VideoDecoderListener {
 public:
