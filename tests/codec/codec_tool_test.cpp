@@ -46,19 +46,6 @@ std::vector<nlohmann::json> records(const std::string& output)
     return result;
 }
 
-// "codec,frames" of the first video stream of `file`, as ffprobe reads it.
-std::string probe(const std::string& file)
-{
-    std::string out;
-    EXPECT_EQ(lumiflux_test::runCommand("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
-                                        "stream=codec_name,nb_read_frames -of csv=p=0 " +
-                                            file,
-                                        &out),
-              0)
-        << "ffprobe is missing or failed: run scripts/install-deps";
-    return out;
-}
-
 TEST(CodecTool, ListsCodecsInPreferenceOrderWithParameters)
 {
     std::string out;
@@ -108,7 +95,7 @@ TEST(CodecTool, EncodesAndDecodesH264AndVp8)
     EXPECT_EQ(out.find("OpenH264"), std::string::npos) << out;
     EXPECT_EQ(records(out).back()["event"], "done");
     EXPECT_EQ(records(out).back()["framesOut"], 40);
-    EXPECT_EQ(probe(dir + "/a.h264"), "h264,40\n");
+    EXPECT_EQ(lumiflux_test::probeVideo(dir + "/a.h264"), "h264,40\n");
 
     ASSERT_EQ(tool("decode " + dir + "/a.h264 -o " + dir + "/a.yuv --json", &out), 0) << out;
     EXPECT_EQ(records(out).back()["frames"], 40);
@@ -118,7 +105,7 @@ TEST(CodecTool, EncodesAndDecodesH264AndVp8)
     ASSERT_EQ(tool("encode " + dir + "/a.yuv --format nv12 --size 320x240 -c vp8 -o " + dir + "/b.ivf", &out), 0)
         << out;
     EXPECT_NE(out.find("wrote 40 frames"), std::string::npos) << out;
-    EXPECT_EQ(probe(dir + "/b.ivf"), "vp8,40\n");
+    EXPECT_EQ(lumiflux_test::probeVideo(dir + "/b.ivf"), "vp8,40\n");
     ASSERT_EQ(tool("decode " + dir + "/b.ivf -o " + dir + "/b.yuv", &out), 0) << out;
     EXPECT_EQ(fs::file_size(dir + "/b.yuv"), frameBytes);
 }
@@ -133,7 +120,7 @@ TEST(CodecTool, EncodesAndDecodesTheNewerFormats)
         SCOPED_TRACE(codec);
         const std::string file = dir + "/" + codec + "." + extension;
         ASSERT_EQ(tool("encode pattern -c " + codec + " --size 320x240 --frames 30 -o " + file, &out), 0) << out;
-        EXPECT_EQ(probe(file), probed + ",30\n");
+        EXPECT_EQ(lumiflux_test::probeVideo(file), probed + ",30\n");
         ASSERT_EQ(tool("decode " + file + " -o " + file + ".yuv --json", &out), 0) << out;
         EXPECT_EQ(records(out).back()["frames"], 30) << out;
         EXPECT_EQ(fs::file_size(file + ".yuv"), 30u * 320 * 240 * 3 / 2);

@@ -501,19 +501,6 @@ TEST(GstCodecs, HardwareParametersReachTheElementInItsUnits)
     }
 }
 
-// "codec,frames" of the first video stream of `file`, as ffprobe reads it.
-std::string probe(const std::string& file)
-{
-    std::string out;
-    EXPECT_EQ(lumiflux_test::runCommand("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
-                                        "stream=codec_name,nb_read_frames -of csv=p=0 " +
-                                            file,
-                                        &out),
-              0)
-        << "ffprobe is missing or failed: run scripts/install-deps";
-    return out;
-}
-
 // The units as a file ffprobe reads: IVF for VP8, VP9 and AV1, the byte
 // stream itself for H.264 and H.265.
 std::string writeStream(const std::string& name, CodecType type, const std::vector<EncodedUnit>& units, int width,
@@ -562,7 +549,7 @@ TEST_P(GstCodecsRoundTrip, EveryEncoderThroughEveryDecoderOfItsType)
         EXPECT_TRUE(units.front().keyFrame);
         for (int i = 0; i < frameCount; ++i)
             EXPECT_EQ(units[static_cast<std::size_t>(i)].timestamp, static_cast<std::int64_t>(i) * 1000000 / 30);
-        EXPECT_EQ(probe(writeStream(encoderInfo.id, type, units, width, height)),
+        EXPECT_EQ(lumiflux_test::probeVideo(writeStream(encoderInfo.id, type, units, width, height)),
                   probed.at(type) + "," + std::to_string(frameCount) + "\n");
 
         if (type == CodecType::H264) {

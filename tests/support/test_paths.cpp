@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 namespace lumiflux_test {
 
 namespace fs = std::filesystem;
@@ -45,6 +47,18 @@ int runCommand(const std::string& command, std::string* output)
     if (output != nullptr)
         *output = text;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string probeVideo(const std::string& file)
+{
+    std::string out;
+    EXPECT_EQ(runCommand("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
+                         "stream=codec_name,nb_read_frames -of csv=p=0 " +
+                             file,
+                         &out),
+              0)
+        << "ffprobe is missing or failed: run scripts/install-deps";
+    return out;
 }
 
 } // namespace lumiflux_test
