@@ -39,7 +39,7 @@ void Player::Impl::handOff(GstBuffer* buffer, GstPad* pad, bool preroll)
         }
         std::shared_ptr<GraphicBufferFactory> factory;
         {
-            std::lock_guard<std::mutex> lock(entry->mutex);
+            Internal::MutexLock lock(entry->mutex);
             if (!entry->factory || !entry->factory->matches(caps.get()))
                 entry->factory = GraphicBufferFactory::fromCaps(caps.get());
             factory = entry->factory;
