@@ -1,5 +1,3 @@
-#include <cmath>
-
 #include "core/glib_ref.h"
 #include "core/log_macros.h"
 #include "player/error_mapping.h"
@@ -85,13 +83,13 @@ GstBusSyncReply Player::Impl::handleGstMessage(GstBus*, GstMessage* message, gpo
             break;
         }
         case GST_MESSAGE_STATE_CHANGED:
-            if (GST_MESSAGE_SRC(message) == GST_OBJECT_CAST(impl->pipeline.load()))
+            if (GST_MESSAGE_SRC(message) == GST_OBJECT_CAST(impl->pipelineElements.playbin().get()))
                 impl->handleStateChanged(message);
             break;
         case GST_MESSAGE_DURATION_CHANGED: {
             gint64 nanoseconds = 0;
-            GstElement* pipe = impl->pipeline.load();
-            if (pipe && gst_element_query_duration(pipe, GST_FORMAT_TIME, &nanoseconds))
+            Internal::Ref<GstElement> pipe = impl->pipelineElements.playbin();
+            if (pipe && gst_element_query_duration(pipe.get(), GST_FORMAT_TIME, &nanoseconds))
                 impl->onDurationChanged(std::chrono::microseconds(nanoseconds / 1000));
             break;
         }
@@ -127,8 +125,8 @@ void Player::Impl::handleStateChanged(GstMessage* message)
 
     if (newState == GST_STATE_PAUSED) {
         gint64 nanoseconds = 0;
-        GstElement* pipe = pipeline.load();
-        if (pipe && gst_element_query_position(pipe, GST_FORMAT_TIME, &nanoseconds))
+        Internal::Ref<GstElement> pipe = pipelineElements.playbin();
+        if (pipe && gst_element_query_position(pipe.get(), GST_FORMAT_TIME, &nanoseconds))
             onPositionChanged(std::chrono::microseconds(nanoseconds / 1000));
         onStateChanged(eosReached.load() ? PlayerState::EOS : PlayerState::Paused);
     } else if (newState == GST_STATE_PLAYING) {
@@ -170,9 +168,9 @@ void Player::Impl::onPositionChanged(std::chrono::microseconds value)
 gboolean Player::Impl::durationSourceCallback(gpointer data)
 {
     auto* impl = static_cast<Impl*>(data);
-    GstElement* pipe = impl->pipeline.load();
+    Internal::Ref<GstElement> pipe = impl->pipelineElements.playbin();
     gint64 nanoseconds = 0;
-    if (pipe && gst_element_query_duration(pipe, GST_FORMAT_TIME, &nanoseconds))
+    if (pipe && gst_element_query_duration(pipe.get(), GST_FORMAT_TIME, &nanoseconds))
         impl->onDurationChanged(std::chrono::microseconds(nanoseconds / 1000));
     return G_SOURCE_CONTINUE;
 }
@@ -180,12 +178,12 @@ gboolean Player::Impl::durationSourceCallback(gpointer data)
 gboolean Player::Impl::positionSourceCallback(gpointer data)
 {
     auto* impl = static_cast<Impl*>(data);
-    GstElement* pipe = impl->pipeline.load();
     // Not polled while paused: the PAUSED transition reports the position once.
-    if (!pipe || impl->state.load() != PlayerState::Playing)
+    if (impl->state.load() != PlayerState::Playing)
         return G_SOURCE_CONTINUE;
+    Internal::Ref<GstElement> pipe = impl->pipelineElements.playbin();
     gint64 nanoseconds = 0;
-    if (gst_element_query_position(pipe, GST_FORMAT_TIME, &nanoseconds))
+    if (pipe && gst_element_query_position(pipe.get(), GST_FORMAT_TIME, &nanoseconds))
         impl->onPositionChanged(std::chrono::microseconds(nanoseconds / 1000));
     return G_SOURCE_CONTINUE;
 }
@@ -193,40 +191,6 @@ gboolean Player::Impl::positionSourceCallback(gpointer data)
 void Player::Impl::onError(const GError* error)
 {
     onError(Internal::playerErrorFromGError(error), error->message ? error->message : "");
-}
-
-void Player::Impl::pause()
-{
-    GstElement* pipe = pipeline.load();
-    if (!pipe)
-        return;
-    const GstStateChangeReturn result = gst_element_set_state(pipe, GST_STATE_PAUSED);
-    // Every element has been moved: a held descriptor source may push now.
-    descriptorSourceHold.release();
-    watchLocalPreroll(result);
-    if (result == GST_STATE_CHANGE_FAILURE) {
-        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Failed to change the state to PAUSED" << std::endl;
-        onError(PlayerError::PauseFailed, "");
-    }
-}
-
-void Player::Impl::applyPlaybackRate()
-{
-    GstElement* pipe = pipeline.load();
-    const double requested = playbackRate.load();
-    if (!pipe || appliedPlaybackRate.load() == requested)
-        return;
-    // Deliberately an on/off rate: the pipeline either plays at normal speed
-    // or holds still; only Seek passes the requested rate itself.
-    const double rate = (requested != 0.0 || std::isnan(requested)) ? 1.0 : 0.0;
-    waitForHttpAnswer(pipelineSourceAnswer);
-    if (gst_element_seek(pipe, rate, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, GST_SEEK_TYPE_SET, position.load() * 1000,
-                         GST_SEEK_TYPE_SET, -1)) {
-        appliedPlaybackRate.exchange(rate);
-    } else {
-        LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Failed to set playback rate" << std::endl;
-        onError(PlayerError::ApplyPlaybackRateFailed, "");
-    }
 }
 
 } // namespace Tevara::Lumiflux

@@ -20,7 +20,7 @@ void Player::Impl::handOff(GstBuffer* buffer, GstPad* pad, bool preroll)
 {
     CallbackScope scope(*this, CallbackScope::Sink);
     // Held while the sink runs: setVideoSink waits for the sink it replaces.
-    std::lock_guard<std::mutex> sinkLock(sinkCallMutex);
+    Internal::MutexLock sinkLock(sinkCallMutex);
     VideoSink* sink = videoSink.load();
     if (!sink || !buffer || !pad)
         return;
@@ -31,7 +31,7 @@ void Player::Impl::handOff(GstBuffer* buffer, GstPad* pad, bool preroll)
         const int track = currentVideoTrack.load();
         std::shared_ptr<SinkEntry> entry;
         {
-            std::lock_guard<std::mutex> lock(sinkMutex);
+            Internal::MutexLock lock(mediaMutex);
             if (track >= 0 && static_cast<size_t>(track) < sinkEntries.size())
                 entry = sinkEntries[static_cast<size_t>(track)];
             else
@@ -39,7 +39,7 @@ void Player::Impl::handOff(GstBuffer* buffer, GstPad* pad, bool preroll)
         }
         std::shared_ptr<GraphicBufferFactory> factory;
         {
-            std::lock_guard<std::mutex> lock(entry->mutex);
+            Internal::MutexLock lock(entry->mutex);
             if (!entry->factory || !entry->factory->matches(caps.get()))
                 entry->factory = GraphicBufferFactory::fromCaps(caps.get());
             factory = entry->factory;

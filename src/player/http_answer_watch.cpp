@@ -13,7 +13,7 @@ void HttpAnswerWatch::watch(GstElement* element)
                    &HttpAnswerWatch::onPadTraffic, this);
     PadProbe previous;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         previous = std::exchange(traffic, std::move(probe));
         outstanding = false;
     }
@@ -24,7 +24,7 @@ void HttpAnswerWatch::release()
 {
     PadProbe previous;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         previous = std::move(traffic);
         outstanding = false;
     }
@@ -34,7 +34,7 @@ void HttpAnswerWatch::release()
 void HttpAnswerWatch::failed(GstObject* from)
 {
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         // The watched source is the parent of the pad the probe sits on.
         GstPad* pad = traffic.padHandle();
         if (!pad || from != GST_OBJECT_PARENT(pad))
@@ -46,8 +46,12 @@ void HttpAnswerWatch::failed(GstObject* from)
 
 bool HttpAnswerWatch::waitForAnswer(std::chrono::steady_clock::time_point deadline)
 {
-    std::unique_lock<std::mutex> lock(mutex);
-    return answered.wait_until(lock, deadline, [this] { return !outstanding; });
+    MutexLock lock(mutex);
+    while (outstanding) {
+        if (answered.wait_until(lock, deadline) == std::cv_status::timeout)
+            return !outstanding;
+    }
+    return true;
 }
 
 namespace {
@@ -85,7 +89,7 @@ GstPadProbeReturn HttpAnswerWatch::onPadTraffic(GstPad* pad, GstPadProbeInfo* in
     if (state < 0 || self->outstanding.load() == (state == 1))
         return GST_PAD_PROBE_OK;
     {
-        std::lock_guard<std::mutex> lock(self->mutex);
+        MutexLock lock(self->mutex);
         if (pad != self->traffic.padHandle() || self->outstanding == (state == 1))
             return GST_PAD_PROBE_OK;
         self->outstanding = state == 1;

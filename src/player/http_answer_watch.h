@@ -14,12 +14,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
 #include <gst/gst.h>
 
 #include "core/pad_probe.h"
+#include "core/thread_safety.h"
 
 namespace Tevara::Lumiflux::Internal {
 
@@ -49,9 +48,9 @@ public:
 private:
     static GstPadProbeReturn onPadTraffic(GstPad* pad, GstPadProbeInfo* info, gpointer watch);
 
-    std::mutex mutex;
-    std::condition_variable answered;
-    PadProbe traffic;
+    Mutex mutex; // a leaf lock
+    ConditionVariable answered;
+    PadProbe traffic LUMIFLUX_GUARDED_BY(mutex);
     // Written under the mutex; read without it by the probe, which sees
     // every buffer and returns at once while nothing changes.
     std::atomic<bool> outstanding{false};

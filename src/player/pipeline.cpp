@@ -2,6 +2,7 @@
 
 #include "core/glib_ref.h"
 #include "core/log_macros.h"
+#include "player/gst_quirks.h"
 #include "player/http_headers.h"
 #include "player/player_impl.h"
 
@@ -23,6 +24,12 @@ bool endsWith(const char* text, const char* suffix)
     return length >= suffixLength && std::strcmp(text + length - suffixLength, suffix) == 0;
 }
 
+// A new element with a reference of our own (its floating one sunk), or none.
+Internal::Ref<GstElement> makeElement(GstElement* made)
+{
+    return Internal::Ref<GstElement>::adopt(made ? GST_ELEMENT(gst_object_ref_sink(made)) : nullptr);
+}
+
 const char* factoryNameOf(GstElement* element)
 {
     GstElementFactory* factory = gst_element_get_factory(element);
@@ -39,7 +46,7 @@ void Player::Impl::createPipeline(std::string&& uri, HttpHeaders&& headers)
         // Said at once: playbin would only fail later, and with less to go on.
         const std::string message = "Not a URI or an absolute path: '" + uri + "'";
         {
-            std::lock_guard<std::mutex> lock(mediaMutex);
+            Internal::MutexLock lock(mediaMutex);
             mediaInfo.swapUri(uri);
             mediaInfo.swapHttpHeaders(headers);
         }
@@ -48,25 +55,29 @@ void Player::Impl::createPipeline(std::string&& uri, HttpHeaders&& headers)
         return;
     }
 
+    // Built whole into `built` and published only at the end: a failure on
+    // the way drops what was made so far, and no other thread ever sees a
+    // pipeline without its sinks.
+    Internal::PipelineOwner::Built built;
     // The multi-stream playbin is required: track selection works on its
     // stream collections.
-    GstElement* pipe = gst_element_factory_make("playbin3", "playbin");
-    if (!pipe) {
+    built.playbin = makeElement(gst_element_factory_make("playbin3", "playbin"));
+    if (!built.playbin) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Failed to create a source" << std::endl;
         return;
     }
-    gst_object_ref_sink(pipe);
-    pipeline.store(pipe);
+    GstElement* pipe = built.playbin.get();
 
     std::string currentUri;
     {
-        std::lock_guard<std::mutex> lock(mediaMutex);
+        Internal::MutexLock lock(mediaMutex);
         mediaInfo.swapUri(uri);
         mediaInfo.swapHttpHeaders(headers);
         currentUri = mediaInfo.uri();
     }
 
-    if (!startsWith(currentUri.c_str(), "fd://")) {
+    const bool descriptor = startsWith(currentUri.c_str(), "fd://");
+    if (!descriptor) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Starting async src discovery:" << currentUri << std::endl;
         startAsyncDiscovery();
     }
@@ -77,95 +88,85 @@ void Player::Impl::createPipeline(std::string&& uri, HttpHeaders&& headers)
     g_signal_connect(pipe, "deep-element-added", G_CALLBACK(&Impl::handleDeepElementAdded), this);
 
     // Video, audio and buffering; subtitles and software volume stay off.
-    // A descriptor is local and gets no buffering: GStreamer 1.22's playbin3
-    // faults when an fd:// source with buffering is taken down.
-    const bool descriptor = startsWith(currentUri.c_str(), "fd://");
-    g_object_set(pipe, "flags", descriptor ? 3 : 259, nullptr);
+    constexpr guint kPlayFlags = Internal::kPlayFlagVideo | Internal::kPlayFlagAudio | Internal::kPlayFlagBuffering;
+    constexpr guint kPlayFlagsUnbuffered = Internal::kPlayFlagVideo | Internal::kPlayFlagAudio;
+    g_object_set(pipe, "flags",
+                 descriptor && Internal::GstQuirks::descriptorWithoutBuffering() ? kPlayFlagsUnbuffered : kPlayFlags,
+                 nullptr);
 
-    GstElement* audioSink = gst_element_factory_make("autoaudiosink", "audiosink");
-    if (!audioSink) {
+    built.audioSink = makeElement(gst_element_factory_make("autoaudiosink", "audiosink"));
+    if (!built.audioSink) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Failed to create an audiosink" << std::endl;
         return;
     }
-    g_signal_connect(audioSink, "element-added", G_CALLBACK(&Impl::handleElementAdded), this);
+    g_signal_connect(built.audioSink.get(), "element-added", G_CALLBACK(&Impl::handleElementAdded), this);
 
-    GstElement* audioConvert = gst_element_factory_make("audioconvert", nullptr);
+    Internal::Ref<GstElement> audioConvert = makeElement(gst_element_factory_make("audioconvert", nullptr));
     if (!audioConvert) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Failed to create an audioconvert" << std::endl;
-        gst_object_unref(gst_object_ref_sink(audioSink));
         return;
     }
-    g_object_set(pipe, "audio-filter", audioConvert, nullptr);
-    g_object_set(pipe, "audio-sink", audioSink, nullptr);
+    g_object_set(pipe, "audio-filter", audioConvert.get(), nullptr);
+    g_object_set(pipe, "audio-sink", built.audioSink.get(), nullptr);
 
-    GstElement* convert = gst_element_factory_make("videoconvert", "videoconvert");
-    if (!convert) {
+    built.videoconvert = makeElement(gst_element_factory_make("videoconvert", "videoconvert"));
+    if (!built.videoconvert) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Failed to create an videoconvert" << std::endl;
         return;
     }
-    videoconvert.store(convert);
 
-    GstBus* pipelineBus = gst_element_get_bus(pipe);
-    if (!pipelineBus) {
+    built.bus = Internal::Ref<GstBus>::adopt(gst_element_get_bus(pipe));
+    if (!built.bus) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Failed to create an bus" << std::endl;
-        gst_object_unref(gst_object_ref_sink(convert));
-        videoconvert.store(nullptr);
         return;
     }
-    bus.store(pipelineBus);
-    gst_bus_set_sync_handler(pipelineBus, &Impl::handleGstMessage, this, nullptr);
 
-    GstElement* fakeSink = gst_element_factory_make("fakesink", "videosink");
-    if (!fakeSink) {
+    built.fakeVideoSink = makeElement(gst_element_factory_make("fakesink", "videosink"));
+    if (!built.fakeVideoSink) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Failed to create an videoSink" << std::endl;
-        gst_object_unref(gst_object_ref_sink(convert));
-        videoconvert.store(nullptr);
         return;
     }
-    GstElement* output = gst_bin_new("output");
-    if (!output) {
+    built.outputBin = makeElement(gst_bin_new("output"));
+    if (!built.outputBin) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Failed to create an output" << std::endl;
-        gst_object_unref(gst_object_ref_sink(convert));
-        gst_object_unref(gst_object_ref_sink(fakeSink));
-        videoconvert.store(nullptr);
         return;
     }
-    videoSinkElement.store(fakeSink);
-    outputBin.store(output);
 
+    GstElement* fakeSink = built.fakeVideoSink.get();
     g_object_set(fakeSink, "sync", TRUE, "qos", FALSE, nullptr);
     g_object_set(fakeSink, "signal-handoffs", TRUE, nullptr);
     // Lifetime of the fake sink, which the pipeline owns: no disconnection needed.
     g_signal_connect(fakeSink, "preroll-handoff", G_CALLBACK(&Impl::handlePrerollHandoff), this);
     g_signal_connect(fakeSink, "handoff", G_CALLBACK(&Impl::handleHandoff), this);
 
-    gst_bin_add_many(GST_BIN(output), convert, fakeSink, nullptr);
+    GstElement* convert = built.videoconvert.get();
+    gst_bin_add_many(GST_BIN(built.outputBin.get()), convert, fakeSink, nullptr);
     Internal::Ref<GstCaps> nv12 = Internal::Ref<GstCaps>::adopt(gst_caps_from_string("video/x-raw,format=NV12"));
     if (!gst_element_link_filtered(convert, fakeSink, nv12.get())) {
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Failed to link elements" << std::endl;
-        gst_object_unref(gst_object_ref_sink(output));
-        videoconvert.store(nullptr);
-        videoSinkElement.store(nullptr);
-        outputBin.store(nullptr);
         return;
     }
 
     Internal::Ref<GstPad> convertSink = Internal::Ref<GstPad>::adopt(gst_element_get_static_pad(convert, "sink"));
     GstPad* ghost = gst_ghost_pad_new("sink", convertSink.get());
     gst_pad_set_active(ghost, TRUE);
-    gst_element_add_pad(output, ghost);
+    gst_element_add_pad(built.outputBin.get(), ghost);
 
-    g_object_set(pipe, "video-sink", output, nullptr);
+    g_object_set(pipe, "video-sink", built.outputBin.get(), nullptr);
     g_object_set(pipe, "uri", currentUri.c_str(), nullptr);
+    // Nothing posts on the bus before the pipeline leaves NULL, which only a
+    // task after this one asks for.
+    gst_bus_set_sync_handler(built.bus.get(), &Impl::handleGstMessage, this, nullptr);
+    pipelineElements.publish(std::move(built));
 }
 
-void Player::Impl::destroyPipeline()
+void Player::Impl::destroyPipeline(std::chrono::steady_clock::time_point answerDeadline)
 {
-    GstElement* pipe = pipeline.load();
+    Internal::Ref<GstElement> pipe = pipelineElements.playbin();
     if (!pipe)
         return;
-    if (GstElement* fakeSink = videoSinkElement.load())
-        g_object_set(fakeSink, "signal-handoffs", FALSE, nullptr);
+    if (Internal::Ref<GstElement> fakeSink = pipelineElements.fakeVideoSink())
+        g_object_set(fakeSink.get(), "signal-handoffs", FALSE, nullptr);
     descriptorSourceHold.release();
     stopPrerollWatchdog();
 
@@ -174,40 +175,24 @@ void Player::Impl::destroyPipeline()
     // the bin holds its lock while it waits for the source's streaming
     // thread, which waits for the same lock to report the type it found.
     // Alone, the source's thread finishes that report and stops.
-    Internal::Ref<GstElement> source;
-    {
-        std::lock_guard<std::mutex> lock(sourceMutex);
-        source = std::move(pipelineSource);
-    }
-    if (source) {
-        waitForHttpAnswer(pipelineSourceAnswer);
+    if (Internal::Ref<GstElement> source = pipelineElements.takeHttpSource()) {
+        waitForHttpAnswer(pipelineSourceAnswer, answerDeadline);
         gst_element_set_state(source.get(), GST_STATE_NULL);
     }
-    gst_element_set_state(pipe, GST_STATE_NULL);
+    // Still published while it goes down: the state changes it posts bring
+    // the reported state to Empty.
+    gst_element_set_state(pipe.get(), GST_STATE_NULL);
     pipelineSourceAnswer.release();
     // No streaming thread runs any more: none is inside the tag handler.
     {
-        std::lock_guard<std::mutex> lock(tagWatchMutex);
+        Internal::MutexLock lock(mediaMutex);
         unwatchTrackTagsLocked();
     }
+    Internal::PipelineOwner::Held held = pipelineElements.takeDown();
     // The pipeline is down: no message may reach this object from a bus that
     // an element still holds after we let go of it.
-    if (GstBus* pipelineBus = bus.load())
-        gst_bus_set_sync_handler(pipelineBus, nullptr, nullptr, nullptr);
-    pipeline.store(nullptr);
-    gst_object_unref(pipe);
-    if (GstBus* pipelineBus = bus.exchange(nullptr))
-        gst_object_unref(pipelineBus);
-
-    videoconvert.store(nullptr);
-    videoSinkElement.store(nullptr);
-    outputBin.store(nullptr);
-    {
-        std::lock_guard<std::mutex> lock(audioMuteMutex);
-        audioMuteElement.reset();
-    }
-    adaptiveDemuxer.store(nullptr);
-    httpSource.store(nullptr);
+    if (held.built.bus)
+        gst_bus_set_sync_handler(held.built.bus.get(), nullptr, nullptr, nullptr);
     // Its stream identifiers belonged to the pipeline just destroyed.
     pendingSelection.reset();
 }
@@ -220,7 +205,7 @@ void Player::Impl::handleElementAdded(GstBin*, GstElement* element, Impl* impl)
                                       << Internal::LogPointer{element} << std::endl;
 
     if (impl->setupAdaptiveDemuxer(factoryName, element)) {
-        impl->adaptiveDemuxer.store(element);
+        impl->pipelineElements.setAdaptiveDemuxer(element);
         return;
     }
     if (startsWith(name, "queue2")) {
@@ -230,18 +215,15 @@ void Player::Impl::handleElementAdded(GstBin*, GstElement* element, Impl* impl)
         // Lifetime of the nested bin, inside the pipeline: no disconnection needed.
         g_signal_connect(element, "element-added", G_CALLBACK(&Impl::handleElementAdded), impl);
     } else if (endsWith(name, "sink-pulse")) {
-        {
-            std::lock_guard<std::mutex> lock(impl->audioMuteMutex);
-            impl->audioMuteElement = Internal::Ref<GstElement>::share(element);
-        }
-        GstStructure* properties = nullptr;
-        g_object_get(element, "stream-properties", &properties, nullptr);
+        impl->pipelineElements.setAudioMuteElement(element);
+        Internal::Ref<GstStructure> properties;
+        g_object_get(element, "stream-properties", properties.out(), nullptr);
         if (properties)
-            gst_structure_set(properties, "media.role", G_TYPE_STRING, "x-tollan", nullptr);
+            gst_structure_set(properties.get(), "media.role", G_TYPE_STRING, "x-tollan", nullptr);
         else
-            properties = gst_structure_from_string("props,media.role=x-tollan", nullptr);
-        g_object_set(element, "stream-properties", properties, "provide-clock", TRUE, nullptr);
-        gst_structure_free(properties);
+            properties =
+                Internal::Ref<GstStructure>::adopt(gst_structure_from_string("props,media.role=x-tollan", nullptr));
+        g_object_set(element, "stream-properties", properties.get(), "provide-clock", TRUE, nullptr);
     }
 }
 
@@ -249,11 +231,6 @@ void Player::Impl::handleDeepElementAdded(GstBin*, GstBin* subBin, GstElement* e
 {
     impl->setupNestedHttpSource(subBin, element);
     handleElementAdded(subBin, element, impl);
-}
-
-void Player::Impl::handleDiscovererElementAdded(GstBin*, GstBin* subBin, GstElement* element, Impl* impl)
-{
-    impl->setupNestedHttpSource(subBin, element);
 }
 
 void Player::Impl::setupNestedHttpSource(GstBin* subBin, GstElement* element)
@@ -271,46 +248,13 @@ void Player::Impl::setupNestedHttpSource(GstBin* subBin, GstElement* element)
 void Player::Impl::handleSourceSetup(GstBin*, GstElement* source, Impl* impl)
 {
     const char* factoryName = factoryNameOf(source);
-    if (factoryName && std::strcmp(factoryName, "fdsrc") == 0)
+    if (factoryName && std::strcmp(factoryName, "fdsrc") == 0 && Internal::GstQuirks::holdDescriptorSourceStart())
         impl->descriptorSourceHold.hold(source);
     if (factoryName && impl->setupHttpSource(factoryName, source)) {
-        impl->httpSource.store(source);
         impl->pipelineSourceAnswer.watch(source);
-        // A network source pushes what it downloads into the type finding
-        // while the pipeline may be taken down: see destroyPipeline.
-        std::lock_guard<std::mutex> lock(impl->sourceMutex);
-        impl->pipelineSource = Internal::Ref<GstElement>::share(source);
+        // Also taken down before the pipeline: see destroyPipeline.
+        impl->pipelineElements.setHttpSource(source);
     }
-}
-
-void Player::Impl::handleDiscovererSourceSetup(GstDiscoverer*, GstElement* source, Impl* impl)
-{
-    const char* factoryName = factoryNameOf(source);
-    if (factoryName && impl->setupHttpSource(factoryName, source))
-        impl->discovererSourceAnswer.watch(source);
-    // The discoverer's demuxers make HTTP sources of their own too: watch
-    // its pipeline (the source's top-level bin, kept for the discoverer's
-    // life) once.
-    GstObject* top = gst_object_get_parent(GST_OBJECT(source));
-    while (top) {
-        GstObject* parent = gst_object_get_parent(top);
-        if (!parent)
-            break;
-        gst_object_unref(top);
-        top = parent;
-    }
-    if (top && GST_IS_BIN(top) && !g_object_get_data(G_OBJECT(top), "lumiflux-watched")) {
-        g_object_set_data(G_OBJECT(top), "lumiflux-watched", impl);
-        g_signal_connect(top, "deep-element-added", G_CALLBACK(&Impl::handleDiscovererElementAdded), impl);
-    }
-    if (top)
-        gst_object_unref(top);
-    // Kept so that the destructor can end a discovery stuck on a server that
-    // does not answer (see abortDiscoveries).
-    std::lock_guard<std::mutex> lock(impl->discovererSourceMutex);
-    if (impl->discovererSource)
-        gst_object_unref(impl->discovererSource);
-    impl->discovererSource = GST_ELEMENT(gst_object_ref(source));
 }
 
 bool Player::Impl::setupHttpSource(const char* factoryName, GstElement* element)
@@ -338,16 +282,23 @@ bool Player::Impl::setupAdaptiveDemuxer(const char* factoryName, GstElement* ele
 
 HttpHeaders Player::Impl::currentHttpHeaders()
 {
-    std::lock_guard<std::mutex> lock(mediaMutex);
+    Internal::MutexLock lock(mediaMutex);
     return mediaInfo.httpHeaders();
 }
 
-void Player::Impl::waitForHttpAnswer(Internal::HttpAnswerWatch& watch)
+std::chrono::steady_clock::time_point Player::Impl::answerDeadlineFromNow()
 {
     // Long enough for a server that answers at all; a stalled one is then
     // cancelled safely, as nothing is being read from it.
     constexpr auto kAnswerWait = std::chrono::milliseconds(600);
-    if (!watch.waitForAnswer(std::chrono::steady_clock::now() + kAnswerWait))
+    return std::chrono::steady_clock::now() + kAnswerWait;
+}
+
+void Player::Impl::waitForHttpAnswer(Internal::HttpAnswerWatch& watch, std::chrono::steady_clock::time_point deadline)
+{
+    if (!Internal::GstQuirks::waitForHttpAnswer())
+        return;
+    if (!watch.waitForAnswer(deadline))
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "No HTTP answer yet, cancelling the request" << std::endl;
 }
 

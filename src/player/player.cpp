@@ -30,6 +30,10 @@ VideoSink::~VideoSink() = default;
 thread_local const Player::Impl::CallbackScope* Player::Impl::CallbackScope::innermost = nullptr;
 
 namespace {
+// How long the destructor waits for the discoveries under way to be
+// reported once it has aborted them (they end at once then; the bound is for
+// a discoverer that does not).
+constexpr auto kDiscoveryEndWait = std::chrono::seconds(6);
 // An absolute path is taken for the file it names; anything else is left as
 // it is and must be a URI.
 std::string playableUri(std::string_view location)
@@ -106,10 +110,11 @@ void Player::Impl::replaceListener(PlayerListener* replacement)
     // Inside one of this player's callbacks the current thread already
     // holds the listener lock.
     if (CallbackScope::inside(*this, CallbackScope::Listener)) {
+        listenerMutex.assertHeld();
         listener = replacement;
         return;
     }
-    std::lock_guard<std::mutex> lock(listenerMutex);
+    Internal::MutexLock lock(listenerMutex);
     listener = replacement;
 }
 
@@ -119,7 +124,7 @@ void Player::Impl::replaceVideoSink(VideoSink* replacement)
     // Waits for a call to the previous sink under way, unless it is this
     // thread's own call.
     if (!CallbackScope::inside(*this, CallbackScope::Sink))
-        std::lock_guard<std::mutex> handOffDone(sinkCallMutex);
+        Internal::MutexLock handOffDone(sinkCallMutex);
 }
 
 // ---------------------------------------------------------------- Impl life
@@ -136,63 +141,60 @@ Player::Impl::Impl()
         if (!gst_is_initialized())
             gst_init(nullptr, nullptr);
     });
-    mainContext = g_main_context_new();
 
-    positionSource = g_timeout_source_new(100);
-    g_source_set_callback(positionSource, &Impl::positionSourceCallback, this, nullptr);
-    g_source_attach(positionSource, mainContext);
+    positionSource = Internal::Ref<GSource>::adopt(g_timeout_source_new(100));
+    g_source_set_callback(positionSource.get(), &Impl::positionSourceCallback, this, nullptr);
+    g_source_attach(positionSource.get(), mainContext.get());
 
-    durationSource = g_timeout_source_new(100);
-    g_source_set_callback(durationSource, &Impl::durationSourceCallback, this, nullptr);
-    g_source_attach(durationSource, mainContext);
+    durationSource = Internal::Ref<GSource>::adopt(g_timeout_source_new(100));
+    g_source_set_callback(durationSource.get(), &Impl::durationSourceCallback, this, nullptr);
+    g_source_attach(durationSource.get(), mainContext.get());
 }
 
 Player::Impl::~Impl()
 {
     shuttingDown.exchange(true);
+    // One deadline for every request still waiting for its answer (the
+    // discoverer's and the pipeline's), not one each: with both sources on a
+    // stalled server, the destruction waits once.
+    const auto answerDeadline = answerDeadlineFromNow();
     bool discovering = false;
     {
-        std::lock_guard<std::mutex> lock(discoveryMutex);
-        discovering = discoverer != nullptr;
+        Internal::MutexLock lock(discoveryMutex);
+        discovering = static_cast<bool>(discoverer);
     }
     if (discovering) {
         // The player thread still runs and reports the discoveries under way
-        // (each ends within the discoverer's 5 s timeout, or at once when
-        // aborted).
-        abortDiscoveries();
+        // (at once when aborted, or within the discoverer's 5 s timeout).
+        abortDiscoveries(answerDeadline);
+        Internal::Ref<GstDiscoverer> released;
         {
-            std::unique_lock<std::mutex> lock(discoveryMutex);
-            discoveryDone.wait_for(lock, std::chrono::seconds(6), [this] { return pendingDiscoveries == 0; });
+            Internal::MutexLock lock(discoveryMutex);
+            const auto deadline = std::chrono::steady_clock::now() + kDiscoveryEndWait;
+            while (pendingDiscoveries > 0 && discoveryDone.wait_until(lock, deadline) != std::cv_status::timeout) {
+            }
+            released = std::move(discoverer);
         }
-        g_object_unref(discoverer);
-        discoverer = nullptr;
     }
     {
-        std::lock_guard<std::mutex> lock(discovererSourceMutex);
-        if (discovererSource)
-            gst_object_unref(discovererSource);
-        discovererSource = nullptr;
+        Internal::MutexLock lock(discovererSourceMutex);
+        discovererSource.reset();
     }
     // Quit at a priority above every queued task's idle source, so that the
     // loop's next iteration dispatches only this and queued tasks are dropped.
-    g_main_context_invoke_full(mainContext, -100, &Impl::quitMainLoop, this, nullptr);
+    g_main_context_invoke_full(mainContext.get(), -100, &Impl::quitMainLoop, this, nullptr);
     if (thread.joinable())
         thread.join();
 
-    destroyPipeline();
+    destroyPipeline(answerDeadline);
     runPendingCleanups();
 
     // The timers must not fire again: they point at this object.
-    g_source_destroy(positionSource);
-    g_source_destroy(durationSource);
-    if (prerollCheckSource) {
-        g_source_destroy(prerollCheckSource);
-        g_source_unref(prerollCheckSource);
-    }
+    g_source_destroy(positionSource.get());
+    g_source_destroy(durationSource.get());
+    if (prerollCheckSource)
+        g_source_destroy(prerollCheckSource.get());
     stopPrerollWatchdog();
-    g_main_context_unref(mainContext);
-    g_source_unref(positionSource);
-    g_source_unref(durationSource);
     // A callback that destroyed its player may still be returning from the
     // listener lock; nothing of this object may go before it has.
     while (callbacksRunning.load() > 0)
@@ -201,19 +203,18 @@ Player::Impl::~Impl()
 
 void Player::Impl::loop()
 {
-    g_main_context_push_thread_default(mainContext);
-    mainLoop = g_main_loop_new(mainContext, FALSE);
-    g_main_loop_run(mainLoop);
-    g_main_loop_unref(mainLoop);
-    mainLoop = nullptr;
-    g_main_context_pop_thread_default(mainContext);
+    g_main_context_push_thread_default(mainContext.get());
+    mainLoop = Internal::Ref<GMainLoop>::adopt(g_main_loop_new(mainContext.get(), FALSE));
+    g_main_loop_run(mainLoop.get());
+    mainLoop.reset();
+    g_main_context_pop_thread_default(mainContext.get());
 }
 
 gboolean Player::Impl::quitMainLoop(gpointer data)
 {
     auto* impl = static_cast<Impl*>(data);
     if (impl->mainLoop)
-        g_main_loop_quit(impl->mainLoop);
+        g_main_loop_quit(impl->mainLoop.get());
     return G_SOURCE_REMOVE;
 }
 
@@ -384,7 +385,7 @@ std::chrono::microseconds Player::getDuration() const
 }
 MediaInfo Player::getMediaInfo() const
 {
-    std::lock_guard<std::mutex> lock(impl->mediaMutex);
+    Internal::MutexLock lock(impl->mediaMutex);
     return impl->mediaInfo;
 }
 

@@ -3,8 +3,37 @@
 // The player's private state and the operations its thread, its timers and
 // GStreamer's callbacks run. Split over several files by concept:
 // player.cpp (facade, construction, destruction), task_queue.cpp,
-// pipeline.cpp, http_headers.cpp, bus_handler.cpp, discovery.cpp,
-// track_selection.cpp, frame_handoff.cpp.
+// playback.cpp (the tasks that move the pipeline), pipeline.cpp and
+// pipeline_owner.cpp, http_headers.cpp, bus_handler.cpp, discovery.cpp,
+// track_selection.cpp, preroll_wait.cpp, frame_handoff.cpp, and
+// gst_quirks.cpp (what the GStreamer and libsoup versions need worked
+// around).
+//
+// Locks, by concern, in the order they are taken (a thread holding one may
+// take those below it, never one above it):
+//
+//  1. Calls into the application: listenerMutex (every listener call) and
+//     sinkCallMutex (every video sink call). The application may call any
+//     player operation from inside, so every lock below may be taken under
+//     them. They are never held together by the player itself.
+//  2. The task queue: taskMutex (recursive), held only to queue or to take
+//     the queued tasks.
+//  3. Discovery: discoveryMutex, then discovererSourceMutex. The first is
+//     held while a URI is queued on the discoverer, which sets its source up
+//     on the same thread and records it under the second; the source's
+//     set-up reads the headers (media state) and starts its answer watch.
+//  4. Media state: mediaMutex (the medium, its stream identifiers, the
+//     per-track sink entries, the tag watch), then cleanupMutex (selections
+//     waiting for their confirmation).
+//  5. Leaves, under which nothing else is taken: the pipeline owner's lock
+//     (pipeline_owner.h), each HTTP answer watch's, the descriptor source
+//     hold's and each sink entry's.
+//
+// The fields that a lock guards say so (LUMIFLUX_GUARDED_BY), and clang's
+// thread-safety analysis checks every access (the thread-safety test stage
+// builds the player with -Wthread-safety -Werror). Fields touched only on
+// the player thread say so in a comment; the scalars the public calls
+// exchange between threads are atomics.
 
 #include <array>
 #include <atomic>
@@ -26,7 +55,9 @@
 #include <lumiflux/player.h>
 
 #include "core/glib_ref.h"
+#include "core/thread_safety.h"
 #include "player/http_answer_watch.h"
+#include "player/pipeline_owner.h"
 #include "player/sink_entry.h"
 #include "player/source_start_hold.h"
 
@@ -93,10 +124,10 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     };
 
     /** Calls `call(listener)` under listenerMutex, when a listener is set. */
-    template <typename Call> void notifyListener(Call&& call)
+    template <typename Call> void notifyListener(Call&& call) LUMIFLUX_EXCLUDES(listenerMutex)
     {
         CallbackScope scope(*this, CallbackScope::Listener); // ends after the lock is released
-        std::lock_guard<std::mutex> lock(listenerMutex);
+        Internal::MutexLock lock(listenerMutex);
         if (listener)
             call(*listener);
     }
@@ -121,18 +152,18 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
 
     // ---- pipeline (pipeline.cpp, http_headers.cpp)
     void createPipeline(std::string&& uri, HttpHeaders&& headers);
-    void destroyPipeline();
+    void destroyPipeline(std::chrono::steady_clock::time_point answerDeadline = answerDeadlineFromNow());
     static void handleSourceSetup(GstBin* bin, GstElement* source, Impl* impl);
     static void handleDeepElementAdded(GstBin* bin, GstBin* subBin, GstElement* element, Impl* impl);
     static void handleElementAdded(GstBin* bin, GstElement* element, Impl* impl);
-    static void handleDiscovererSourceSetup(GstDiscoverer* discoverer, GstElement* source, Impl* impl);
-    static void handleDiscovererElementAdded(GstBin* bin, GstBin* subBin, GstElement* element, Impl* impl);
     void setupNestedHttpSource(GstBin* subBin, GstElement* element);
     bool setupHttpSource(const char* factoryName, GstElement* element);
     bool setupAdaptiveDemuxer(const char* factoryName, GstElement* element);
     void updateHttpHeaders(GstElement* element);
-    HttpHeaders currentHttpHeaders();
-    void waitForHttpAnswer(Internal::HttpAnswerWatch& watch);
+    HttpHeaders currentHttpHeaders() LUMIFLUX_EXCLUDES(mediaMutex);
+    /** How long a request that is out may take to be answered, from now. */
+    static std::chrono::steady_clock::time_point answerDeadlineFromNow();
+    void waitForHttpAnswer(Internal::HttpAnswerWatch& watch, std::chrono::steady_clock::time_point deadline);
 
     // ---- bus, state and errors (bus_handler.cpp)
     static GstBusSyncReply handleGstMessage(GstBus* bus, GstMessage* message, gpointer impl);
@@ -144,24 +175,31 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     void onPositionChanged(std::chrono::microseconds value);
     void onError(PlayerError error, const std::string& message);
     void onError(const GError* error);
+
+    // ---- the tasks that move the pipeline (playback.cpp)
+    void play();
     void pause();
+    void seek(std::int64_t positionUs);
     void applyPlaybackRate();
+    void applyMute();
 
     // ---- discovery and tracks (discovery.cpp, track_selection.cpp)
     void startAsyncDiscovery();
-    void discoverCurrentUri();
-    void abortDiscoveries();
+    void discoverCurrentUri() LUMIFLUX_EXCLUDES(discoveryMutex);
+    void abortDiscoveries(std::chrono::steady_clock::time_point answerDeadline) LUMIFLUX_EXCLUDES(discoveryMutex);
     static void onDiscovered(GstDiscoverer* discoverer, GstDiscovererInfo* info, GError* error, Impl* impl);
+    static void handleDiscovererSourceSetup(GstDiscoverer* discoverer, GstElement* source, Impl* impl);
+    static void handleDiscovererElementAdded(GstBin* bin, GstBin* subBin, GstElement* element, Impl* impl);
     void handleStreamCollection(GstMessage* message);
     void watchTrackTags(GstStreamCollection* collection);
-    void unwatchTrackTagsLocked();
+    void unwatchTrackTagsLocked() LUMIFLUX_REQUIRES(mediaMutex);
     static void handleTrackTagsChanged(GstStreamCollection* collection, GstStream* stream, GParamSpec* property,
                                        Impl* impl);
     void onMediaInfoReady(MediaInfo& info);
     void handleStreamsSelected(GstMessage* message);
     void selectTracks(const std::vector<int>& trackIds);
     void sendSelectStreams(GList* streamIds);
-    void runPendingCleanups();
+    void runPendingCleanups() LUMIFLUX_EXCLUDES(cleanupMutex);
 
     // ---- work held back while the pipeline prerolls (preroll_wait.cpp)
     /** True while a state change is pending; `current` receives the state reached so far. */
@@ -190,65 +228,49 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     std::atomic<bool> autoRepeat{false};
     std::atomic<bool> mute{false};
 
-    // One entry per track for the frame hand-off, and the video track the
-    // fake sink currently receives. The hand-off runs on a streaming thread
-    // while a new stream collection may replace the entries on another one,
-    // hence the lock (held only to copy what a frame needs, never around a
-    // call into the application).
-    std::vector<std::shared_ptr<SinkEntry>> sinkEntries;
-    // Frames that arrive before any stream collection names their track.
-    std::shared_ptr<SinkEntry> unassignedSinkEntry = std::make_shared<SinkEntry>();
-    std::atomic<int> currentVideoTrack{-1};
-    std::mutex sinkMutex;
+    // ---- calls into the application (lock group 1)
+    PlayerListener* listener LUMIFLUX_GUARDED_BY(listenerMutex) = nullptr;
+    Internal::Mutex listenerMutex;
     // Written by the application without a lock, read by the hand-off; atomic
     // so that the read is well defined.
     std::atomic<VideoSink*> videoSink{nullptr};
     // Held by the hand-off while it calls the sink, so that setVideoSink can
     // wait for a call to the sink it replaces.
-    std::mutex sinkCallMutex;
+    Internal::Mutex sinkCallMutex;
     // Calls into the application under way (see CallbackScope).
     std::atomic<int> callbacksRunning{0};
 
-    PlayerListener* listener = nullptr;
-    std::mutex listenerMutex;
-
-    // The medium, its stream identifiers by collection position. Replaced by
-    // the stream collection handling on a streaming thread and read by the
-    // player thread and the element callbacks: guarded by mediaMutex.
-    MediaInfo mediaInfo;
-    std::vector<std::string> streamIds;
-    std::mutex mediaMutex;
+    // ---- media state (lock group 4)
+    // The medium and its stream identifiers by collection position: replaced
+    // by the stream collection handling on a streaming thread, read by the
+    // player thread and the element callbacks.
+    Internal::Mutex mediaMutex;
+    MediaInfo mediaInfo LUMIFLUX_GUARDED_BY(mediaMutex);
+    std::vector<std::string> streamIds LUMIFLUX_GUARDED_BY(mediaMutex);
+    // One entry per track for the frame hand-off (held only to copy what a
+    // frame needs, never around a call into the application), and the video
+    // track the fake sink currently receives.
+    std::vector<std::shared_ptr<SinkEntry>> sinkEntries LUMIFLUX_GUARDED_BY(mediaMutex);
+    // Frames that arrive before any stream collection names their track.
+    const std::shared_ptr<SinkEntry> unassignedSinkEntry = std::make_shared<SinkEntry>();
+    std::atomic<int> currentVideoTrack{-1};
     // The last collection, watched for tags that reach its streams late;
     // released with the pipeline, whose streaming threads notify.
-    Internal::Ref<GstStreamCollection> watchedCollection;
-    gulong tagWatchHandler = 0;
-    std::mutex tagWatchMutex;
+    Internal::Ref<GstStreamCollection> watchedCollection LUMIFLUX_GUARDED_BY(mediaMutex);
+    gulong tagWatchHandler LUMIFLUX_GUARDED_BY(mediaMutex) = 0;
+    std::vector<std::function<void()>> pendingCleanups LUMIFLUX_GUARDED_BY(cleanupMutex);
+    Internal::Mutex cleanupMutex;
 
+    // ---- the player thread and its loop
     std::thread thread;
-    std::recursive_mutex taskMutex;
-    GMainLoop* mainLoop = nullptr;
-    GMainContext* mainContext = nullptr;
-    GSource* positionSource = nullptr;
-    GSource* durationSource = nullptr;
+    // Player thread only, from loop() to its end.
+    Internal::Ref<GMainLoop> mainLoop;
+    const Internal::Ref<GMainContext> mainContext = Internal::Ref<GMainContext>::adopt(g_main_context_new());
+    Internal::Ref<GSource> positionSource;
+    Internal::Ref<GSource> durationSource;
 
-    // Written on the player thread (pipeline) or by element callbacks on
-    // streaming threads, read on other threads: atomics.
-    std::atomic<GstBus*> bus{nullptr};
-    std::atomic<GstElement*> pipeline{nullptr};
-    std::atomic<GstElement*> videoconvert{nullptr};
-    std::atomic<GstElement*> videoSinkElement{nullptr};
-    std::atomic<GstElement*> outputBin{nullptr};
-    // Held with a reference of our own: the audio sink may drop a PulseAudio
-    // sink it tried and could not open, and a later ApplyMute must not touch
-    // freed memory.
-    Internal::Ref<GstElement> audioMuteElement;
-    std::mutex audioMuteMutex;
-    std::atomic<GstElement*> adaptiveDemuxer{nullptr};
-    std::atomic<GstElement*> httpSource{nullptr};
-    // The pipeline's HTTP source again, with a reference of our own: taken
-    // down before the pipeline (see destroyPipeline).
-    Internal::Ref<GstElement> pipelineSource;
-    std::mutex sourceMutex;
+    // ---- the pipeline: its elements, each with a reference (pipeline_owner.h)
+    Internal::PipelineOwner pipelineElements;
     // Whether the pipeline's and the discoverer's HTTP sources wait for an
     // answer: neither is flushed or taken down before it has come, for a
     // short while (see http_answer_watch.h).
@@ -258,43 +280,44 @@ struct __attribute__((visibility("hidden"))) Player::Impl {
     // started it has reached the decoding bin (see source_start_hold.h).
     Internal::SourceStartHold descriptorSourceHold;
 
-    GstDiscoverer* discoverer = nullptr;
-    // A discovery waits for the pipeline to preroll, and how often it has
-    // checked (player thread only).
-    std::atomic<bool> discoveryScheduled{false};
-    int discoveryWaits = 0;
-    // A selection that waits for the pipeline to preroll, and the check that
-    // runs while anything waits (player thread only).
-    struct StreamListFree {
-        void operator()(GList* list) const { g_list_free_full(list, g_free); }
-    };
-    std::unique_ptr<GList, StreamListFree> pendingSelection;
-    GSource* prerollCheckSource = nullptr;
-    // Bounds the preroll of a local medium (player thread only; see
-    // preroll_wait.cpp).
-    GSource* prerollWatchdogSource = nullptr;
+    // ---- discovery (lock group 3)
+    Internal::Mutex discoveryMutex;
+    Internal::Ref<GstDiscoverer> discoverer LUMIFLUX_GUARDED_BY(discoveryMutex);
     // Discoveries queued and not yet reported. The destructor waits for them
     // before releasing the discoverer: stopping one that is still processing
     // can deadlock inside GStreamer (it changes its pipeline's state under a
     // lock that the pipeline's own callbacks take).
-    int pendingDiscoveries = 0;
-    // The source of the discovery under way (a reference), or null. Its own
-    // lock: the discoverer sets the source up while discoveryMutex is held by
-    // the queuing of the URI.
-    GstElement* discovererSource = nullptr;
-    std::mutex discovererSourceMutex;
-    std::mutex discoveryMutex;
-    std::condition_variable discoveryDone;
+    int pendingDiscoveries LUMIFLUX_GUARDED_BY(discoveryMutex) = 0;
+    Internal::ConditionVariable discoveryDone;
+    // The source of the discovery under way, or none. Its own lock: the
+    // discoverer sets the source up while discoveryMutex is held by the
+    // queuing of the URI.
+    Internal::Mutex discovererSourceMutex LUMIFLUX_ACQUIRED_AFTER(discoveryMutex);
+    Internal::Ref<GstElement> discovererSource LUMIFLUX_GUARDED_BY(discovererSourceMutex);
+    // A discovery waits for the pipeline to preroll, and how often it has
+    // checked (player thread only).
+    std::atomic<bool> discoveryScheduled{false};
+    int discoveryWaits = 0;
 
-    std::deque<Task> tasks;
+    // ---- work held back while the pipeline prerolls (player thread only)
+    // A selection that waits for the pipeline to preroll, and the check that
+    // runs while anything waits.
+    struct StreamListFree {
+        void operator()(GList* list) const { g_list_free_full(list, g_free); }
+    };
+    std::unique_ptr<GList, StreamListFree> pendingSelection;
+    Internal::Ref<GSource> prerollCheckSource;
+    // Bounds the preroll of a local medium (see preroll_wait.cpp).
+    Internal::Ref<GSource> prerollWatchdogSource;
+
+    // ---- the task queue (lock group 2)
+    Internal::RecursiveMutex taskMutex;
+    std::deque<Task> tasks LUMIFLUX_GUARDED_BY(taskMutex);
     // Set first thing by the destructor: tasks still queued are dropped
     // unrun, even those whose idle source the loop dispatches while the
     // destructor lets it finish the discoveries under way.
     std::atomic<bool> shuttingDown{false};
     std::array<std::atomic<int>, Task::Last> taskTypeCounter{};
-
-    std::vector<std::function<void()>> pendingCleanups;
-    std::mutex cleanupMutex;
 };
 
 } // namespace Tevara::Lumiflux

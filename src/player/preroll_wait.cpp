@@ -1,12 +1,11 @@
 #include "core/log_macros.h"
+#include "player/gst_quirks.h"
 #include "player/player_impl.h"
 
 // Work the player thread holds back while the pipeline prerolls: the start of
-// a discovery (which would compete with the preroll for the processor) and a
-// stream selection (GStreamer 1.22's playbin3 forwards a selection under its
-// own lock into the decoding bin, whose streaming threads take the two locks
-// in the opposite order while they add pads during the preroll: sent then,
-// the selection can deadlock the player thread and the pipeline).
+// a discovery (which would compete with the preroll for the processor) and,
+// where the GStreamer version needs it, a stream selection (see
+// gst_quirks.cpp). Also the bound on a local medium's preroll.
 
 namespace Tevara::Lumiflux {
 
@@ -33,12 +32,12 @@ bool isLocalUri(const std::string& uri)
 
 bool Player::Impl::pipelinePrerolling(GstState* current)
 {
-    GstElement* pipe = pipeline.load();
+    Internal::Ref<GstElement> pipe = pipelineElements.playbin();
     if (!pipe)
         return false;
     GstState reached = GST_STATE_VOID_PENDING;
     GstState pending = GST_STATE_VOID_PENDING;
-    const bool prerolling = gst_element_get_state(pipe, &reached, &pending, 0) == GST_STATE_CHANGE_ASYNC;
+    const bool prerolling = gst_element_get_state(pipe.get(), &reached, &pending, 0) == GST_STATE_CHANGE_ASYNC;
     if (current)
         *current = reached;
     return prerolling;
@@ -48,10 +47,10 @@ void Player::Impl::schedulePrerollCheck()
 {
     if (prerollCheckSource)
         return;
-    prerollCheckSource = g_timeout_source_new(kPrerollCheckMs);
-    g_source_set_priority(prerollCheckSource, G_PRIORITY_LOW);
-    g_source_set_callback(prerollCheckSource, &Impl::prerollCheck, this, nullptr);
-    g_source_attach(prerollCheckSource, mainContext);
+    prerollCheckSource = Internal::Ref<GSource>::adopt(g_timeout_source_new(kPrerollCheckMs));
+    g_source_set_priority(prerollCheckSource.get(), G_PRIORITY_LOW);
+    g_source_set_callback(prerollCheckSource.get(), &Impl::prerollCheck, this, nullptr);
+    g_source_attach(prerollCheckSource.get(), mainContext.get());
 }
 
 gboolean Player::Impl::prerollCheck(gpointer data)
@@ -68,42 +67,39 @@ gboolean Player::Impl::prerollCheck(gpointer data)
         impl->sendSelectStreams(impl->pendingSelection.release());
     if (impl->discoveryScheduled.load() || impl->pendingSelection)
         return G_SOURCE_CONTINUE;
-    g_source_unref(impl->prerollCheckSource);
-    impl->prerollCheckSource = nullptr;
+    impl->prerollCheckSource.reset(); // the context keeps it until this returns
     return G_SOURCE_REMOVE;
 }
 
 void Player::Impl::watchLocalPreroll(GstStateChangeReturn stateChange)
 {
     stopPrerollWatchdog();
-    if (stateChange != GST_STATE_CHANGE_ASYNC)
+    if (stateChange != GST_STATE_CHANGE_ASYNC || !Internal::GstQuirks::boundLocalPreroll())
         return;
     {
-        std::lock_guard<std::mutex> lock(mediaMutex);
+        Internal::MutexLock lock(mediaMutex);
         if (!isLocalUri(mediaInfo.uri()))
             return;
     }
-    prerollWatchdogSource = g_timeout_source_new_seconds(kLocalPrerollLimitSeconds);
-    g_source_set_callback(prerollWatchdogSource, &Impl::prerollWatchdog, this, nullptr);
-    g_source_attach(prerollWatchdogSource, mainContext);
+    prerollWatchdogSource = Internal::Ref<GSource>::adopt(g_timeout_source_new_seconds(kLocalPrerollLimitSeconds));
+    g_source_set_callback(prerollWatchdogSource.get(), &Impl::prerollWatchdog, this, nullptr);
+    g_source_attach(prerollWatchdogSource.get(), mainContext.get());
 }
 
 void Player::Impl::stopPrerollWatchdog()
 {
     if (!prerollWatchdogSource)
         return;
-    g_source_destroy(prerollWatchdogSource);
-    g_source_unref(prerollWatchdogSource);
-    prerollWatchdogSource = nullptr;
+    g_source_destroy(prerollWatchdogSource.get());
+    prerollWatchdogSource.reset();
 }
 
 gboolean Player::Impl::prerollWatchdog(gpointer data)
 {
     auto* impl = static_cast<Impl*>(data);
     if (impl->shuttingDown.load())
-        return G_SOURCE_CONTINUE; // the destructor removes the source
-    g_source_unref(impl->prerollWatchdogSource);
-    impl->prerollWatchdogSource = nullptr;
+        return G_SOURCE_CONTINUE;        // the destructor removes the source
+    impl->prerollWatchdogSource.reset(); // the context keeps it until this returns
     // Only a first preroll that never reached PAUSED: a seek prerolls again
     // from PAUSED and is none of this watchdog's business.
     GstState current = GST_STATE_VOID_PENDING;

@@ -7,15 +7,16 @@
 // application still holds.
 
 #include <memory>
-#include <mutex>
 
 #include <lumiflux/gst_graphic_buffer.h>
+
+#include "core/thread_safety.h"
 
 namespace Tevara::Lumiflux {
 
 struct SinkEntry {
-    std::mutex mutex;
-    std::shared_ptr<GraphicBufferFactory> factory;
+    Internal::Mutex mutex; // a leaf lock
+    std::shared_ptr<GraphicBufferFactory> factory LUMIFLUX_GUARDED_BY(mutex);
 };
 
 } // namespace Tevara::Lumiflux

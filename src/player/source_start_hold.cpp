@@ -24,7 +24,7 @@ void SourceStartHold::hold(GstElement* source)
                    &keepBlocked, nullptr);
     PadProbe previous;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         previous = std::exchange(block, std::move(probe));
     }
 }
@@ -33,7 +33,7 @@ void SourceStartHold::release()
 {
     PadProbe held;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         held = std::move(block);
     }
 }

@@ -10,11 +10,10 @@
 // preroll never ends. Held until the player's state change returns, the data
 // only meets active elements.
 
-#include <mutex>
-
 #include <gst/gst.h>
 
 #include "core/pad_probe.h"
+#include "core/thread_safety.h"
 
 namespace Tevara::Lumiflux::Internal {
 
@@ -30,8 +29,8 @@ public:
     void release();
 
 private:
-    std::mutex mutex;
-    PadProbe block;
+    Mutex mutex; // a leaf lock
+    PadProbe block LUMIFLUX_GUARDED_BY(mutex);
 };
 
 } // namespace Tevara::Lumiflux::Internal

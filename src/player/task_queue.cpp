@@ -48,9 +48,9 @@ void Player::Impl::addTask(Task&& task, bool unique)
         return;
     ++counter;
 
-    std::lock_guard<std::recursive_mutex> lock(taskMutex);
+    Internal::RecursiveMutexLock lock(taskMutex);
     tasks.push_back(std::move(task));
-    if (g_main_context_is_owner(mainContext)) {
+    if (g_main_context_is_owner(mainContext.get())) {
         // Added on the player thread (a listener callback, a task, a timer):
         // drained on the loop's next turn, never nested here. Run inline, a
         // task would report to the listener while the callback that queued
@@ -59,9 +59,9 @@ void Player::Impl::addTask(Task&& task, bool unique)
         Internal::Ref<GSource> idle = Internal::Ref<GSource>::adopt(g_idle_source_new());
         g_source_set_priority(idle.get(), G_PRIORITY_DEFAULT);
         g_source_set_callback(idle.get(), &Impl::idleCheckTaskQueue, this, nullptr);
-        g_source_attach(idle.get(), mainContext);
+        g_source_attach(idle.get(), mainContext.get());
     } else {
-        g_main_context_invoke(mainContext, &Impl::idleCheckTaskQueue, this);
+        g_main_context_invoke(mainContext.get(), &Impl::idleCheckTaskQueue, this);
     }
 }
 
@@ -75,7 +75,7 @@ void Player::Impl::checkTaskQueue()
 {
     std::deque<Task> local;
     {
-        std::lock_guard<std::recursive_mutex> lock(taskMutex);
+        Internal::RecursiveMutexLock lock(taskMutex);
         local.swap(tasks);
     }
     while (!local.empty()) {
@@ -99,7 +99,6 @@ void Player::Impl::checkTaskQueue()
 
 void Player::Impl::runTask(Task& task)
 {
-    GstElement* pipe = pipeline.load();
     switch (task.type) {
     case Task::Init: {
         eosReached.exchange(false);
@@ -113,28 +112,16 @@ void Player::Impl::runTask(Task& task)
     }
     case Task::Modify: {
         {
-            std::lock_guard<std::mutex> lock(mediaMutex);
+            Internal::MutexLock lock(mediaMutex);
             mediaInfo.swapHttpHeaders(task.httpHeaders);
         }
-        updateHttpHeaders(httpSource.load());
-        updateHttpHeaders(adaptiveDemuxer.load());
+        updateHttpHeaders(pipelineElements.httpSource().get());
+        updateHttpHeaders(pipelineElements.adaptiveDemuxer().get());
         break;
     }
-    case Task::Play: {
-        if (!pipe)
-            break;
-        const GstStateChangeReturn result = gst_element_set_state(pipe, GST_STATE_PLAYING);
-        descriptorSourceHold.release(); // see pause()
-        watchLocalPreroll(result);
-        if (result == GST_STATE_CHANGE_FAILURE) {
-            LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Failed to change the state to PLAYING" << std::endl;
-            onError(PlayerError::PlayFailed, "");
-        } else {
-            eosReached.exchange(false);
-            shouldApplyPlaybackRate.exchange(true);
-        }
+    case Task::Play:
+        play();
         break;
-    }
     case Task::Pause:
         pause();
         break;
@@ -143,30 +130,14 @@ void Player::Impl::runTask(Task& task)
         resetPlaybackSettings();
         break;
     case Task::Seek:
-        if (!pipe)
-            break;
-        waitForHttpAnswer(pipelineSourceAnswer);
-        if (!gst_element_seek(pipe, playbackRate.load(), GST_FORMAT_TIME,
-                              static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
-                              GST_SEEK_TYPE_SET, task.position * 1000, GST_SEEK_TYPE_SET, -1)) {
-            // "ms" after a microsecond value: applications match this text as it is.
-            LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Failed to seek / position: " << task.position << "ms" << std::endl;
-            onError(PlayerError::SeekFailed, "");
-        }
+        seek(task.position);
         break;
     case Task::ApplyPlaybackRate:
         applyPlaybackRate();
         break;
-    case Task::ApplyMute: {
-        Internal::Ref<GstElement> element;
-        {
-            std::lock_guard<std::mutex> lock(audioMuteMutex);
-            element = audioMuteElement;
-        }
-        if (element)
-            g_object_set(element.get(), "mute", mute.load() ? TRUE : FALSE, nullptr);
+    case Task::ApplyMute:
+        applyMute();
         break;
-    }
     case Task::SelectTracks:
         selectTracks(task.trackIds);
         break;

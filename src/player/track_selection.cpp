@@ -4,6 +4,7 @@
 
 #include "core/glib_ref.h"
 #include "core/log_macros.h"
+#include "player/gst_quirks.h"
 #include "player/player_impl.h"
 #include "player/tag_list.h"
 
@@ -49,17 +50,15 @@ MediaInfo tracksOf(GstStreamCollection* collection, std::vector<std::string>& id
         if (gst_stream_get_stream_flags(stream) & GST_STREAM_FLAG_SELECT)
             track.setFlags(track.flags() | TrackInfo::FlagSelectedByDefault);
 
-        if (GstCaps* caps = gst_stream_get_caps(stream)) {
-            if (gchar* description = gst_pb_utils_get_codec_description(caps)) {
+        if (Internal::Ref<GstCaps> caps = Internal::Ref<GstCaps>::adopt(gst_stream_get_caps(stream))) {
+            g_autofree gchar* description = gst_pb_utils_get_codec_description(caps.get());
+            if (description)
                 track.setCodec(description);
-                g_free(description);
-            }
-            gst_caps_unref(caps);
         }
-        if (GstTagList* tags = gst_stream_get_tags(stream)) {
-            Internal::copyTags(
-                tags, [&track](const std::string& name, TagValue value) { track.setTag(name, std::move(value)); });
-            gst_tag_list_unref(tags);
+        if (Internal::Ref<GstTagList> tags = Internal::Ref<GstTagList>::adopt(gst_stream_get_tags(stream))) {
+            Internal::copyTags(tags.get(), [&track](const std::string& name, TagValue value) {
+                track.setTag(name, std::move(value));
+            });
         } else {
             LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "no tags for \"" << i << "\"" << std::endl;
         }
@@ -95,7 +94,7 @@ void Player::Impl::handleStreamCollection(GstMessage* message)
     std::vector<std::string> ids;
     MediaInfo info = tracksOf(collection.get(), ids);
     {
-        std::lock_guard<std::mutex> lock(mediaMutex);
+        Internal::MutexLock lock(mediaMutex);
         streamIds = std::move(ids);
     }
     watchTrackTags(collection.get());
@@ -111,7 +110,7 @@ void Player::Impl::watchTrackTags(GstStreamCollection* collection)
     // object only after the collection was posted, when the demuxer first
     // sends data on it; no new collection follows. The collection notifies
     // such changes itself.
-    std::lock_guard<std::mutex> lock(tagWatchMutex);
+    Internal::MutexLock lock(mediaMutex);
     if (watchedCollection.get() == collection)
         return;
     unwatchTrackTagsLocked();
@@ -136,7 +135,7 @@ void Player::Impl::handleTrackTagsChanged(GstStreamCollection* collection, GstSt
         MediaInfo info = tracksOf(collection, ids);
         MediaInfo snapshot;
         {
-            std::lock_guard<std::mutex> lock(impl->mediaMutex);
+            Internal::MutexLock lock(impl->mediaMutex);
             // Same collection, same streams: only titles and tags can differ.
             if (ids != impl->streamIds || sameTracks(info.tracks(), impl->mediaInfo.tracks()))
                 return;
@@ -154,7 +153,7 @@ void Player::Impl::onMediaInfoReady(MediaInfo& info)
     MediaInfo snapshot;
     size_t trackCount = 0;
     {
-        std::lock_guard<std::mutex> lock(mediaMutex);
+        Internal::MutexLock lock(mediaMutex);
         mediaInfo.takeTagsAndTracks(std::move(info));
         snapshot = mediaInfo;
         // Entries are indexed by track identifier, which is a stream position.
@@ -162,7 +161,7 @@ void Player::Impl::onMediaInfoReady(MediaInfo& info)
             trackCount = std::max(trackCount, static_cast<size_t>(track.id()) + 1);
     }
     {
-        std::lock_guard<std::mutex> lock(sinkMutex);
+        Internal::MutexLock lock(mediaMutex);
         sinkEntries.clear();
         for (size_t i = 0; i < trackCount; ++i)
             sinkEntries.push_back(std::make_shared<SinkEntry>());
@@ -187,7 +186,7 @@ void Player::Impl::selectTracks(const std::vector<int>& trackIds)
     std::set<TrackType> chosenTypes;
     GList* selection = nullptr;
     {
-        std::unique_lock<std::mutex> lock(mediaMutex);
+        Internal::MutexLock lock(mediaMutex);
         for (int id : trackIds) {
             const TrackInfo* track = nullptr;
             if (id >= 0 && static_cast<size_t>(id) < streamIds.size()) {
@@ -223,7 +222,7 @@ void Player::Impl::selectTracks(const std::vector<int>& trackIds)
 
 void Player::Impl::sendSelectStreams(GList* ids)
 {
-    if (pipelinePrerolling()) {
+    if (Internal::GstQuirks::deferSelectionDuringPreroll() && pipelinePrerolling()) {
         // Sent once the preroll is over (see preroll_wait.cpp); a newer
         // selection replaces one still waiting.
         LUMIFLUX_LOG_DIGIT(0, kPlayerLog) << "Selection waits for the preroll" << std::endl;
@@ -231,20 +230,20 @@ void Player::Impl::sendSelectStreams(GList* ids)
         schedulePrerollCheck();
         return;
     }
-    GstElement* pipe = pipeline.load();
-    if (!pipe || !gst_element_send_event(pipe, gst_event_new_select_streams(ids))) {
+    Internal::Ref<GstElement> pipe = pipelineElements.playbin();
+    if (!pipe || !gst_element_send_event(pipe.get(), gst_event_new_select_streams(ids))) {
         LUMIFLUX_LOG_DIGIT(2, kPlayerLog) << "Can't send SELECT_STREAMS event" << std::endl;
         g_list_free_full(ids, g_free);
         return;
     }
     // Kept until the pipeline confirms the selection.
-    std::lock_guard<std::mutex> lock(cleanupMutex);
+    Internal::MutexLock lock(cleanupMutex);
     pendingCleanups.emplace_back([ids] { g_list_free_full(ids, g_free); });
 }
 
 void Player::Impl::runPendingCleanups()
 {
-    std::lock_guard<std::mutex> lock(cleanupMutex);
+    Internal::MutexLock lock(cleanupMutex);
     for (auto& cleanup : pendingCleanups)
         cleanup();
     pendingCleanups.clear();
@@ -256,7 +255,7 @@ void Player::Impl::handleStreamsSelected(GstMessage* message)
     std::vector<int> selected;
     int video = -1;
     {
-        std::lock_guard<std::mutex> lock(mediaMutex);
+        Internal::MutexLock lock(mediaMutex);
         const guint count = gst_message_streams_selected_get_size(message);
         for (guint i = 0; i < count; ++i) {
             Internal::Ref<GstStream> stream =

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <thread>
 
@@ -110,6 +111,38 @@ TEST(PlayerDestruction, WhileBusyIsPromptAndLeavesNoThread)
         EXPECT_EQ(listener.left, listener.entered);
         server.clearFaults();
         EXPECT_LE(waitForThreadCount(baseline), baseline) << "threads left behind";
+    }
+}
+
+// With a discovery under way against a server that never answers, the
+// destructor waits once, briefly, for an answer that may be on its way (a
+// request cancelled while its answer is read crashes the HTTP library), then
+// ends the discovery and returns: within a second, whether or not the
+// pipeline's own request waits on the same server.
+TEST(PlayerDestruction, WithADiscoveryOnAStalledServerWithinASecond)
+{
+    HttpTestServer server;
+    serveNetworkMedia(server);
+    server.setFault("/clip0.mkv", HttpFault::Stall);
+    const struct {
+        const char* what;
+        bool pipelineStarted;
+        size_t requests;
+    } cases[] = {{"the discoverer's request alone", false, 1}, {"and the pipeline's request", true, 2}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        server.clearRequests();
+        auto player = std::make_unique<Player>();
+        player->setUri(server.url("/clip0.mkv"));
+        if (c.pipelineStarted)
+            player->pause();
+        ASSERT_TRUE(server.waitForRequests("/clip0.mkv", c.requests, 20000));
+        const auto start = std::chrono::steady_clock::now();
+        player.reset();
+        const auto took =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        std::cout << "~Player with " << c.what << " stalled: " << took.count() << " ms" << std::endl;
+        EXPECT_LT(took, 1s);
     }
 }
 

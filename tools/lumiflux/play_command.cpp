@@ -330,9 +330,10 @@ int play(const PlayOptions& options, Output& out)
                 reason = "frames";
                 break;
             }
-            // Tracks are chosen once the pipeline plays: a selection sent while it
-            // prerolls can wait forever on the prerolled sinks in GStreamer 1.22.
-            const bool selectNow = !tracksAsked && listener.mediaInfoSeen && listener.playingSeen;
+            // Tracks are chosen once the player knows them; the player itself
+            // holds a selection back while the pipeline prerolls where
+            // GStreamer needs that.
+            const bool selectNow = !tracksAsked && listener.mediaInfoSeen;
             const bool setUpNow = !playingSetUp && listener.playingSeen;
             if (selectNow || setUpNow) {
                 tracksAsked = tracksAsked || selectNow;
