@@ -111,17 +111,30 @@ TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
 {
     enum class Call { SelectNothing, Seek, Pause };
     const char* callNames[] = {"selectTracks({})", "seek", "pause"};
+    // One player for every case, started once and kept going round.
+    HookedListener listener;
+    Player player;
+    player.setListener(&listener);
+    {
+        Watchdog watchdog("starting the player", kCaseLimit);
+        player.play(mediaUri("media.mkv"));
+        player.pause();
+        ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+        player.setAutoRepeat(true);
+    }
     for (Hook hook : {Hook::Error, Hook::Position, Hook::State}) {
         for (Call call : {Call::SelectNothing, Call::Seek, Call::Pause}) {
             const std::string name = std::string(callNames[static_cast<int>(call)]) + " from " + hookName(hook);
             SCOPED_TRACE(name);
             Watchdog watchdog(name, kCaseLimit);
-            HookedListener listener;
-            Player player;
-            player.setListener(&listener);
-            player.play(mediaUri("media.mkv"));
-            player.pause();
-            ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+            // Playing again, whatever the case before left: positions move.
+            const size_t positions = listener.snapshot(listener.positions).size();
+            player.play();
+            ASSERT_TRUE(listener.waitFor([&] { return listener.positions.size() > positions + 1; }));
+            {
+                std::lock_guard<std::mutex> lock(listener.mutex);
+                listener.acted = false;
+            }
             listener.arm(hook, [&player, call] {
                 if (call == Call::SelectNothing)
                     player.selectTracks({});
@@ -137,9 +150,9 @@ TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
             ASSERT_TRUE(listener.waitForAction());
             // The queue still runs: a task queued now is carried out.
             EXPECT_TRUE(listener.drain(player));
-            player.setListener(nullptr);
         }
     }
+    player.setListener(nullptr);
 }
 
 TEST(PlayerCallbacks, APlayerDestroyedInsideItsCallbackLetsGoAtOnce)
