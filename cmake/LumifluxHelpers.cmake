@@ -21,6 +21,7 @@ function(lumiflux_add_plugin name)
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     LIBRARY_OUTPUT_DIRECTORY "${LUMIFLUX_BUILD_PLUGIN_DIR}")
-  target_link_libraries(${name} PRIVATE lumiflux lumiflux_private_headers)
+  # Plug-ins are built on the public headers only, as out-of-tree ones are.
+  target_link_libraries(${name} PRIVATE lumiflux)
   install(TARGETS ${name} LIBRARY DESTINATION "${LUMIFLUX_DEFAULT_PLUGIN_DIR}")
 endfunction()

@@ -16,11 +16,14 @@
 
 #include <lumiflux/codec_base.h>
 #include <lumiflux/graphic_buffer.h>
+#include <lumiflux/gst_ref.h>
 #include <lumiflux/plugin.h>
 
 namespace {
 
 using namespace Tevara::Lumiflux;
+// Every GStreamer reference is held by a Ref, which drops it when it goes.
+using Internal::Ref;
 
 class ExampleEncoder : public Internal::BaseVideoEncoder {
 public:
@@ -34,36 +37,34 @@ public:
 
     bool configure(const VideoEncoderMetadata& wanted) override
     {
-        if (pipeline != nullptr || !supports(wanted) || wanted.format != PixelFormat::YUV420Planar)
+        if (pipeline || !supports(wanted) || wanted.format != PixelFormat::YUV420Planar)
             return false;
         metadata = wanted;
         return true;
     }
     bool start() override
     {
-        if (pipeline != nullptr || metadata.width == 0)
+        if (pipeline || metadata.width == 0)
             return false;
-        pipeline = gst_parse_launch("appsrc name=in format=time ! vp8enc name=enc deadline=1 lag-in-frames=0 "
-                                    "! appsink name=out sync=false",
-                                    nullptr);
-        if (pipeline == nullptr)
+        pipeline = Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(gst_parse_launch(
+            "appsrc name=in format=time ! vp8enc name=enc deadline=1 lag-in-frames=0 ! appsink name=out sync=false",
+            nullptr))));
+        if (!pipeline)
             return false;
-        GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT,
-                                            metadata.width, "height", G_TYPE_INT, metadata.height, "framerate",
-                                            GST_TYPE_FRACTION, metadata.framerate, 1, nullptr);
-        source = gst_bin_get_by_name(GST_BIN(pipeline), "in");
-        sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
-        GstElement* encoder = gst_bin_get_by_name(GST_BIN(pipeline), "enc");
-        g_object_set(source, "caps", caps, nullptr);
-        g_object_set(encoder, "target-bitrate", std::stoi(parameterSet.get(CodecParameter::BitRate)), nullptr);
-        gst_object_unref(encoder);
-        gst_caps_unref(caps);
-        return gst_element_set_state(pipeline, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
+        const auto caps = Ref<GstCaps>::adopt(gst_caps_new_simple(
+            "video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT, metadata.width, "height", G_TYPE_INT,
+            metadata.height, "framerate", GST_TYPE_FRACTION, metadata.framerate, 1, nullptr));
+        source = Ref<GstElement>::adopt(gst_bin_get_by_name(GST_BIN(pipeline.get()), "in"));
+        sink = Ref<GstElement>::adopt(gst_bin_get_by_name(GST_BIN(pipeline.get()), "out"));
+        const auto encoder = Ref<GstElement>::adopt(gst_bin_get_by_name(GST_BIN(pipeline.get()), "enc"));
+        g_object_set(source.get(), "caps", caps.get(), nullptr);
+        g_object_set(encoder.get(), "target-bitrate", std::stoi(parameterSet.get(CodecParameter::BitRate)), nullptr);
+        return gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
     }
     bool encode(const std::shared_ptr<GraphicBuffer>& frame, bool forceKeyFrame) override
     {
         const auto view = frame ? frame->mapYCbCr() : nullptr;
-        if (pipeline == nullptr || !view || view->width != metadata.width || view->height != metadata.height)
+        if (!pipeline || !view || view->width != metadata.width || view->height != metadata.height)
             return false;
         // Copied into a tightly packed I420 buffer, the layout the caps promise.
         const std::size_t w = view->width, h = view->height, cw = (w + 1) / 2, ch = (h + 1) / 2;
@@ -82,54 +83,54 @@ public:
         gst_buffer_unmap(buffer, &map);
         GST_BUFFER_PTS(buffer) = view->timestamp * GST_USECOND;
         if (forceKeyFrame) {
-            GstPad* pad = gst_element_get_static_pad(sink, "sink");
-            gst_pad_send_event(pad, gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
-            gst_object_unref(pad);
+            const auto pad = Ref<GstPad>::adopt(gst_element_get_static_pad(sink.get(), "sink"));
+            gst_pad_send_event(pad.get(), gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
         }
-        if (gst_app_src_push_buffer(GST_APP_SRC(source), buffer) != GST_FLOW_OK)
+        // The source takes the buffer over.
+        if (gst_app_src_push_buffer(GST_APP_SRC(source.get()), buffer) != GST_FLOW_OK)
             return false;
         // One frame in, one frame out (no look-ahead).
-        deliver(gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 5 * GST_SECOND));
+        deliver(Ref<GstSample>::adopt(gst_app_sink_try_pull_sample(GST_APP_SINK(sink.get()), 5 * GST_SECOND)));
         return true;
     }
     int pendingFrames() const override { return 0; }
     void eos() override
     {
-        if (pipeline != nullptr) {
-            gst_app_src_end_of_stream(GST_APP_SRC(source));
-            while (GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), 5 * GST_SECOND))
+        if (pipeline) {
+            gst_app_src_end_of_stream(GST_APP_SRC(source.get()));
+            while (auto sample =
+                       Ref<GstSample>::adopt(gst_app_sink_try_pull_sample(GST_APP_SINK(sink.get()), 5 * GST_SECOND)))
                 deliver(sample);
         }
         std::lock_guard<std::recursive_mutex> lock(listenerMutex);
         if (listener != nullptr)
             listener->onEncoderEos();
     }
-    bool flush() override { return pipeline != nullptr; }
+    bool flush() override { return static_cast<bool>(pipeline); }
     bool stop() override
     {
-        if (pipeline == nullptr)
+        if (!pipeline)
             return false;
-        gst_element_set_state(pipeline, GST_STATE_NULL);
-        gst_object_unref(source);
-        gst_object_unref(sink);
-        gst_object_unref(pipeline);
-        pipeline = source = sink = nullptr;
+        gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+        source.reset();
+        sink.reset();
+        pipeline.reset();
         return true;
     }
     bool setParameter(unsigned id, const std::string& value) override
     {
-        return pipeline == nullptr && parameterSet.set(id, value);
+        return !pipeline && parameterSet.set(id, value);
     }
     std::string getParameter(unsigned id) const override { return parameterSet.get(id); }
     const Internal::ParameterSet& parameters() const override { return parameterSet; }
 
 private:
     // Hands one encoded frame to the listener, under the listener lock.
-    void deliver(GstSample* sample)
+    void deliver(const Ref<GstSample>& sample)
     {
-        if (sample == nullptr)
+        if (!sample)
             return;
-        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        GstBuffer* buffer = gst_sample_get_buffer(sample.get()); // lent by the sample
         GstMapInfo map;
         if (buffer != nullptr && gst_buffer_map(buffer, &map, GST_MAP_READ)) {
             EncodedFrame frame;
@@ -144,13 +145,12 @@ private:
             }
             gst_buffer_unmap(buffer, &map);
         }
-        gst_sample_unref(sample);
     }
 
     VideoEncoderMetadata metadata;
-    GstElement* pipeline = nullptr;
-    GstElement* source = nullptr;
-    GstElement* sink = nullptr;
+    Ref<GstElement> pipeline;
+    Ref<GstElement> source;
+    Ref<GstElement> sink;
 };
 
 class ExampleCodecManager : public Internal::BaseCodecManager {
@@ -158,10 +158,8 @@ public:
     bool init() override
     {
         gst_init(nullptr, nullptr);
-        GstElementFactory* vp8 = gst_element_factory_find("vp8enc");
-        if (vp8 == nullptr)
+        if (!Ref<GstElementFactory>::adopt(gst_element_factory_find("vp8enc")))
             return false; // nothing to offer on this machine
-        gst_object_unref(vp8);
         VideoCodecInfo info;
         info.id = "example.vp8.enc";
         info.type = CodecType::VP8;

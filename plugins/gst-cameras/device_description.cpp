@@ -7,7 +7,7 @@
 
 #include <lumiflux/camera_base.h>
 
-#include "core/glib_ref.h"
+#include <lumiflux/gst_ref.h>
 
 namespace Tevara::Lumiflux::GstCameras {
 

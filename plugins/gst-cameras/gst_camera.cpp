@@ -8,7 +8,7 @@
 
 #include <lumiflux/gst_graphic_buffer.h>
 
-#include "core/log_macros.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::GstCameras {
 

@@ -2,10 +2,10 @@
 
 #include <cstdlib>
 
-#include "core/log_macros.h"
 #include "device_description.h"
 #include "gst_camera.h"
 #include "test_camera_provider.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::GstCameras {
 

@@ -9,10 +9,10 @@
 #include <gst/app/app.h>
 #include <gst/gst.h>
 
-#include "core/glib_ref.h"
-#include "core/log_macros.h"
 #include "element_families.h"
 #include "pipeline_util.h"
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::GstCodecs {
 

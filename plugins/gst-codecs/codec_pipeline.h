@@ -14,8 +14,8 @@
 #include <lumiflux/parameters.h>
 
 #include "codec_catalog.h"
-#include "core/glib_ref.h"
-#include "core/log_macros.h"
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::GstCodecs {
 

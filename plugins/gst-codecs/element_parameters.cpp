@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "core/glib_ref.h"
+#include <lumiflux/gst_ref.h>
 
 namespace Tevara::Lumiflux::GstCodecs {
 

@@ -2,9 +2,9 @@
 
 #include <gst/gst.h>
 
-#include "core/log_macros.h"
 #include "pipeline_video_decoder.h"
 #include "pipeline_video_encoder.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::GstCodecs {
 

@@ -11,7 +11,7 @@
 #include <lumiflux/graphic_buffer.h>
 
 #include "codec_catalog.h"
-#include "core/glib_ref.h"
+#include <lumiflux/gst_ref.h>
 
 namespace Tevara::Lumiflux::GstCodecs {
 

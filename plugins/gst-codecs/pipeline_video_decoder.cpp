@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "core/log_macros.h"
 #include "element_parameters.h"
 #include "pipeline_util.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::GstCodecs {
 

@@ -18,7 +18,7 @@
 
 #include "codec_catalog.h"
 #include "codec_pipeline.h"
-#include "core/glib_ref.h"
+#include <lumiflux/gst_ref.h>
 
 namespace Tevara::Lumiflux::GstCodecs {
 

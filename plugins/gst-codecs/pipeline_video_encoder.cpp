@@ -6,9 +6,9 @@
 
 #include <lumiflux/gst_graphic_buffer.h>
 
-#include "core/log_macros.h"
 #include "element_parameters.h"
 #include "pipeline_util.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::GstCodecs {
 

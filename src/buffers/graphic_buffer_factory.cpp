@@ -1,7 +1,7 @@
 #include <lumiflux/gst_graphic_buffer.h>
 
 #include "buffers/owned_info_graphic_buffer.h"
-#include "core/log_macros.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "core/glib_ref.h"
-#include "core/log_macros.h"
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

@@ -1,6 +1,6 @@
 #include <lumiflux/codec_base.h>
 
-#include "core/log_macros.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::Internal {
 

@@ -7,7 +7,7 @@
 #include <lumiflux/plugin.h>
 
 #include "codec/codec_order.h"
-#include "core/log_macros.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

@@ -6,7 +6,7 @@
 
 #include <gst/gst.h>
 
-#include "core/glib_ref.h"
+#include <lumiflux/gst_ref.h>
 
 namespace Tevara::Lumiflux::Internal {
 

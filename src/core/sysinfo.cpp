@@ -2,7 +2,7 @@
 
 #include <dconf.h>
 
-#include "core/glib_ref.h"
+#include <lumiflux/gst_ref.h>
 
 namespace Tevara::Lumiflux::Internal {
 

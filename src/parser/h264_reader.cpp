@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <climits>
 
-#include "core/log_macros.h"
 #include "parser/start_code_scan.h"
+#include <lumiflux/log_line.h>
 
 using Tevara::Lumiflux::LogInit;
 using Tevara::Lumiflux::LogLevel;

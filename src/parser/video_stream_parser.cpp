@@ -6,9 +6,9 @@
 #include <glib.h>
 #include <lumiflux/h264_reader.h>
 
-#include "core/log_macros.h"
 #include "parser/h264_syntax.h"
 #include "parser/rbsp_reader.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

@@ -1,7 +1,7 @@
-#include "core/glib_ref.h"
-#include "core/log_macros.h"
 #include "player/error_mapping.h"
 #include "player/player_impl.h"
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

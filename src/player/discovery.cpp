@@ -1,5 +1,5 @@
-#include "core/log_macros.h"
 #include "player/player_impl.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "core/glib_ref.h"
-#include "core/log_macros.h"
 #include "player/player_impl.h"
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::Internal {
 

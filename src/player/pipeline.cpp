@@ -1,10 +1,10 @@
 #include <cstring>
 
-#include "core/glib_ref.h"
-#include "core/log_macros.h"
 #include "player/gst_quirks.h"
 #include "player/http_headers.h"
 #include "player/player_impl.h"
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

@@ -11,8 +11,8 @@
 
 #include <gst/gst.h>
 
-#include "core/glib_ref.h"
 #include "core/thread_safety.h"
+#include <lumiflux/gst_ref.h>
 
 namespace Tevara::Lumiflux::Internal {
 

@@ -1,8 +1,8 @@
 #include <cmath>
 
-#include "core/glib_ref.h"
-#include "core/log_macros.h"
 #include "player/player_impl.h"
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log_line.h>
 
 // The tasks that move the pipeline: play, pause, seek, the rate and muting.
 // All run on the player thread; failures reach the listener with an empty

@@ -6,8 +6,8 @@
 
 #include <lumiflux/log.h>
 
-#include "core/log_macros.h"
 #include "player/player_impl.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

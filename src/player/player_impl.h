@@ -54,12 +54,12 @@
 #include <lumiflux/media_info.h>
 #include <lumiflux/player.h>
 
-#include "core/glib_ref.h"
 #include "core/thread_safety.h"
 #include "player/http_answer_watch.h"
 #include "player/pipeline_owner.h"
 #include "player/sink_entry.h"
 #include "player/source_start_hold.h"
+#include <lumiflux/gst_ref.h>
 
 namespace Tevara::Lumiflux {
 

@@ -1,6 +1,6 @@
-#include "core/log_macros.h"
 #include "player/gst_quirks.h"
 #include "player/player_impl.h"
+#include <lumiflux/log_line.h>
 
 // Work the player thread holds back while the pipeline prerolls: the start of
 // a discovery (which would compete with the preroll for the processor) and,

@@ -1,7 +1,7 @@
 #include "player/tag_list.h"
 
-#include "core/log_macros.h"
 #include "player/player_impl.h"
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux::Internal {
 

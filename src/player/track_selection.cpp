@@ -2,11 +2,11 @@
 #include <set>
 #include <string>
 
-#include "core/glib_ref.h"
-#include "core/log_macros.h"
 #include "player/gst_quirks.h"
 #include "player/player_impl.h"
 #include "player/tag_list.h"
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log_line.h>
 
 namespace Tevara::Lumiflux {
 

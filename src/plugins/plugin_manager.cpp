@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "core/log_macros.h"
+#include <lumiflux/log_line.h>
 
 #ifndef LUMIFLUX_DEFAULT_PLUGIN_DIR
 #define LUMIFLUX_DEFAULT_PLUGIN_DIR "/usr/lib64/lumiflux/plugins"

@@ -10,7 +10,7 @@
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 
-#include "core/glib_ref.h"
+#include <lumiflux/gst_ref.h>
 
 namespace lumiflux_test {
 

@@ -30,9 +30,9 @@
 #include <lumiflux/video_stream_parser.h>
 
 #include "codec_support.h"
-#include "core/glib_ref.h"
 #include "syslog_capture.h"
 #include "test_paths.h"
+#include <lumiflux/gst_ref.h>
 
 using namespace Tevara::Lumiflux;
 

@@ -16,8 +16,8 @@
 
 #include <lumiflux/log.h>
 
-#include "core/log_macros.h"
 #include "syslog_capture.h"
+#include <lumiflux/log_line.h>
 
 using lumiflux_test::clearSyslog;
 using lumiflux_test::openlogCalls;

@@ -11,9 +11,9 @@
 
 #include <lumiflux/log.h>
 
-#include "core/glib_ref.h"
 #include "player/http_headers.h"
 #include "syslog_capture.h"
+#include <lumiflux/gst_ref.h>
 
 using namespace Tevara::Lumiflux;
 using lumiflux_test::clearSyslog;

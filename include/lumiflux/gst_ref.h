@@ -1,8 +1,25 @@
 #pragma once
 
-// Small RAII owners for GLib and GStreamer references. One template, one
-// traits specialisation per reference-counted type; the constructor says
-// whether it takes over the caller's reference (adopt) or adds one (share).
+/**
+ * @file gst_ref.h
+ * Small RAII owners for GLib and GStreamer references, for plug-ins and the
+ * library alike: one template, one traits specialisation per
+ * reference-counted type. The way a Ref is made says whether it takes over
+ * the caller's reference (adopt: what a function returned "transfer full")
+ * or adds one of its own (share: what was only lent).
+ *
+ * @code
+ * using Tevara::Lumiflux::Internal::Ref;
+ * auto encoder = Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("vp8enc", nullptr))));
+ * Ref<GstPad> pad = Ref<GstPad>::adopt(gst_element_get_static_pad(encoder.get(), "src"));
+ * Ref<GstCaps> caps = Ref<GstCaps>::adopt(gst_pad_get_current_caps(pad.get()));
+ * @endcode
+ *
+ * A Ref is a value: copying adds a reference, moving hands it over, and the
+ * last owner drops it. Not thread-safe itself (like a shared_ptr instance):
+ * one Ref is used by one thread at a time; the objects it holds are as
+ * thread-safe as GLib makes them.
+ */
 
 #include <utility>
 
@@ -11,11 +28,14 @@
 
 namespace Tevara::Lumiflux::Internal {
 
+/** How a type's reference is added and dropped; GObject's calls unless specialised. */
 template <typename T> struct RefTraits {
     // GObject and everything derived from it (GstObject, GstElement, ...).
-    static void ref(T* p) { g_object_ref(p); }
-    static void unref(T* p) { g_object_unref(p); }
+    static void ref(T* p) { g_object_ref(p); }     ///< adds a reference
+    static void unref(T* p) { g_object_unref(p); } ///< drops a reference
 };
+
+/// @cond TRAITS
 
 template <> struct RefTraits<GstBuffer> {
     static void ref(GstBuffer* p) { gst_buffer_ref(p); }
@@ -73,22 +93,27 @@ template <> struct RefTraits<GError> {
     static void unref(GError* p) { g_error_free(p); }
 };
 
+/// @endcond
+
 /** Tag: take over the caller's reference. */
 struct Adopt {};
 /** Tag: add a reference of our own. */
 struct Share {};
 
+/** One reference to a GLib or GStreamer object, dropped when the Ref goes. */
 template <typename T> class Ref {
 public:
-    Ref() = default;
-    Ref(T* p, Adopt) : ptr(p) {}
+    Ref() = default;             ///< empty
+    Ref(T* p, Adopt) : ptr(p) {} ///< takes over the caller's reference to `p`
+    /** Adds a reference of its own to `p`. */
     Ref(T* p, Share) : ptr(p)
     {
         if (ptr)
             RefTraits<T>::ref(ptr);
     }
-    Ref(const Ref& other) : Ref(other.ptr, Share{}) {}
-    Ref(Ref&& other) noexcept : ptr(std::exchange(other.ptr, nullptr)) {}
+    Ref(const Ref& other) : Ref(other.ptr, Share{}) {}                    ///< adds a reference
+    Ref(Ref&& other) noexcept : ptr(std::exchange(other.ptr, nullptr)) {} ///< hands the reference over
+    /** Drops what was held and holds `other`'s reference instead. */
     Ref& operator=(Ref other) noexcept
     {
         std::swap(ptr, other.ptr);
@@ -96,9 +121,12 @@ public:
     }
     ~Ref() { reset(); }
 
+    /** Takes over the caller's reference to `p` (null gives an empty Ref). */
     static Ref adopt(T* p) { return Ref(p, Adopt{}); }
+    /** Adds a reference of its own to `p` (null gives an empty Ref). */
     static Ref share(T* p) { return Ref(p, Share{}); }
 
+    /** Drops the reference now; the Ref is empty afterwards. */
     void reset()
     {
         if (T* p = std::exchange(ptr, nullptr))
@@ -106,9 +134,10 @@ public:
     }
     /** Hands the reference to the caller. */
     T* release() { return std::exchange(ptr, nullptr); }
+    /** The object, still owned by this Ref; null when empty. */
     T* get() const { return ptr; }
-    T* operator->() const { return ptr; }
-    explicit operator bool() const { return ptr != nullptr; }
+    T* operator->() const { return ptr; }                     ///< the object
+    explicit operator bool() const { return ptr != nullptr; } ///< whether a reference is held
     /** For out-parameters of C functions: drops what is held, then gives the slot. */
     T** out()
     {

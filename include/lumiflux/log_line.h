@@ -1,15 +1,24 @@
 #pragma once
 
-// The one way the library writes a message: level, component prefix, the
-// enclosing function's name, ":", the line, " -- ", then the caller's text
-// and std::endl (which sends the record).
-//
-// Two spellings, and each message states which it uses:
-// - LUMIFLUX_LOG(LogLevel::Error, "main ") inserts a LogLevel: the level
-//   governs filtering and the syslog priority, and no digit is written.
-// - LUMIFLUX_LOG_DIGIT(2, "[lumiflux-player] ") inserts the level as a plain
-//   digit. The digit becomes the first character of the record and the
-//   pending level stays Debug, so these lines are debug-only on purpose.
+/**
+ * @file log_line.h
+ * The one way the library, and the plug-ins built on it, write a message:
+ * level, component prefix, the enclosing function's name, ":", the line,
+ * " -- ", then the caller's text and std::endl (which sends the record).
+ *
+ * Two spellings, and each message states which it uses:
+ * - `LUMIFLUX_LOG(LogLevel::Error, "main ") << "text" << std::endl;` inserts
+ *   a LogLevel: the level governs filtering and the syslog priority, and no
+ *   digit is written.
+ * - `LUMIFLUX_LOG_DIGIT(2, "main ") << "text" << std::endl;` inserts the
+ *   level as a plain digit. The digit becomes the first character of the
+ *   record and the pending level stays Debug, so these lines are kept only
+ *   when LUMIFLUX_DEBUG is set (or syslog is off): debug-only on purpose.
+ *
+ * Never insert a raw pointer into std::clog (it switches the shared stream
+ * to hexadecimal for a moment, under other threads' numbers): write
+ * `Internal::LogPointer{p}`.
+ */
 
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +28,8 @@
 #include <lumiflux/log.h>
 
 namespace Tevara::Lumiflux::Internal {
+
+/// @cond LOG_HELPERS
 
 // std::clog's format state (base, show-base, width) is shared by every thread
 // that logs. Inserting a pointer with << switches it to hexadecimal for a
@@ -47,11 +58,14 @@ inline std::ostream& logWithDigit(int digit, const char* component, const char* 
     return std::clog << (std::to_string(digit) + logHead(component, function, line));
 }
 
+/// @endcond
+
 /** A pointer for a log line, as "0x..." text; never insert a raw pointer into std::clog. */
 struct LogPointer {
-    const void* pointer;
+    const void* pointer; ///< the pointer to write
 };
 
+/** Writes `value.pointer` as "0x" and lower-case hexadecimal digits, formatted apart from `stream`. */
 inline std::ostream& operator<<(std::ostream& stream, LogPointer value)
 {
     char text[2 + 2 * sizeof(void*) + 1];
@@ -62,8 +76,10 @@ inline std::ostream& operator<<(std::ostream& stream, LogPointer value)
 
 } // namespace Tevara::Lumiflux::Internal
 
+/** Starts a log line at `level` (a LogLevel), from `component` ("main ", ...): insert the text, then std::endl. */
 #define LUMIFLUX_LOG(level, component)                                                                                 \
     ::Tevara::Lumiflux::Internal::logWithLevel((level), (component), __func__, __LINE__)
 
+/** Starts a debug-only log line whose first character is `digit` (0, 1 or 2); insert the text, then std::endl. */
 #define LUMIFLUX_LOG_DIGIT(digit, component)                                                                           \
     ::Tevara::Lumiflux::Internal::logWithDigit((digit), (component), __func__, __LINE__)
