@@ -366,7 +366,10 @@ TEST(Json, EveryCommandWritesOnlyJsonObjects)
           "encode pattern -c h264 --frames 5 -o " + dir + "/p.h264", "decode " + dir + "/p.h264 -o " + dir + "/p.yuv",
           "probe " + dir + "/p.h264", "encode pattern -c vp8 --frames 5 -o " + dir + "/p.ivf"}) {
         const auto records = toolJson(arguments, &status);
-        EXPECT_EQ(status, 0) << arguments;
+        std::string said;
+        for (const json& record : records)
+            said += record.dump() + "\n";
+        EXPECT_EQ(status, 0) << arguments << "\n" << said;
         EXPECT_FALSE(records.empty()) << arguments;
         for (const json& record : records)
             EXPECT_TRUE(record.contains("event")) << arguments << ": " << record.dump();
