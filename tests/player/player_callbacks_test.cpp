@@ -111,6 +111,8 @@ TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
 {
     enum class Call { SelectNothing, Seek, Pause };
     const char* callNames[] = {"selectTracks({})", "seek", "pause"};
+    // Outlives the player: a case that fails leaves its destructor to hang.
+    Watchdog whole("the re-entry cases and the player's teardown", 4 * kCaseLimit);
     // One player for every case, started once and kept going round.
     HookedListener listener;
     Player player;
@@ -152,6 +154,20 @@ TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
             EXPECT_TRUE(listener.drain(player));
         }
     }
+    // setListener from inside a callback takes effect at once: the next
+    // report goes to the new listener, the old one hears nothing more.
+    Watchdog watchdog("setListener from onError", kCaseLimit);
+    RecordingListener next;
+    listener.arm(Hook::Error, [&] { player.setListener(&next); });
+    {
+        std::lock_guard<std::mutex> lock(listener.mutex);
+        listener.acted = false;
+    }
+    player.selectTracks({});
+    ASSERT_TRUE(listener.waitForAction());
+    const size_t heard = listener.snapshot(listener.errors).size();
+    EXPECT_TRUE(next.drain(player));
+    EXPECT_EQ(listener.snapshot(listener.errors).size(), heard);
     player.setListener(nullptr);
 }
 
