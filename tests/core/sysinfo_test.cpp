@@ -1,12 +1,11 @@
-// The screen rotation angle read from a real dconf database, compiled with
-// `dconf compile` and selected through DCONF_PROFILE. One process per
-// database (LUMIFLUX_TEST_DCONF), since the angle is read once per process.
-
+// The screen rotation angle from a real dconf database, compiled with `dconf
+// compile` and selected through DCONF_PROFILE. The angle is read once per
+// process, so each database (LUMIFLUX_TEST_DCONF) runs in its own.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <thread>
 #include <vector>
@@ -20,63 +19,41 @@ using Tevara::Lumiflux::Internal::SysInfo;
 
 namespace {
 
-namespace fs = std::filesystem;
-
-// Compiles a database holding `value` for the rotation key ("" for no key).
+// Compiles a database whose rotation key holds `value` ("" for no key).
 void compileDatabase(const std::string& dir, const std::string& value)
 {
-    const fs::path keyfiles = fs::path(dir) / "keyfiles";
-    fs::remove_all(keyfiles);
-    fs::create_directories(keyfiles);
-    std::ofstream keyfile(keyfiles / "00-test");
-    if (value.empty())
-        keyfile << "[desktop/vantel/other]\nunrelated=1\n";
-    else
-        keyfile << "[desktop/vantel/components]\nscreen_rotation_angle=" << value << "\n";
-    keyfile.close();
-    const std::string db = (fs::path(dir) / "db").string();
-    ASSERT_EQ(lumiflux_test::runCommand("dconf compile '" + db + "' '" + keyfiles.string() + "'"), 0)
+    std::filesystem::remove_all(dir + "/keys");
+    std::filesystem::create_directories(dir + "/keys");
+    std::ofstream(dir + "/keys/00-test") << (value.empty() ? "[desktop/vantel/other]\nunrelated=1\n"
+                                                           : "[desktop/vantel/components]\nscreen_rotation_angle=" +
+                                                                 value + "\n");
+    ASSERT_EQ(lumiflux_test::runCommand("dconf compile '" + dir + "/db' '" + dir + "/keys'"), 0)
         << "dconf compile failed (is dconf-cli installed?)";
-}
-
-void selectDatabase(const std::string& dir)
-{
-    const fs::path profile = fs::path(dir) / "profile";
-    std::ofstream(profile) << "file-db:" << (fs::path(dir) / "db").string() << "\n";
-    setenv("DCONF_PROFILE", profile.c_str(), 1);
-}
-
-std::string scenario()
-{
-    const char* value = std::getenv("LUMIFLUX_TEST_DCONF");
-    return value != nullptr ? value : "";
 }
 
 TEST(SysInfo, AngleComesFromTheSettingsOnceAndNeverChanges)
 {
+    const std::map<std::string, std::pair<std::string, int>> settings{
+        {"unset", {"", 0}}, {"270", {"270", 270}}, {"string", {"'portrait'", 0}}};
+    const char* which = std::getenv("LUMIFLUX_TEST_DCONF");
+    ASSERT_TRUE(which != nullptr && settings.count(which) == 1) << "LUMIFLUX_TEST_DCONF";
+    const auto& [value, expected] = settings.at(which);
     const std::string dir = lumiflux_test::freshDirectory("dconf");
-    const std::string which = scenario();
-    ASSERT_TRUE(which == "unset" || which == "270" || which == "string") << "LUMIFLUX_TEST_DCONF=" << which;
+    compileDatabase(dir, value);
+    std::ofstream(dir + "/profile") << "file-db:" << dir << "/db\n";
+    setenv("DCONF_PROFILE", (dir + "/profile").c_str(), 1);
 
-    compileDatabase(dir, which == "unset" ? "" : which == "270" ? "270" : "'portrait'");
-    selectDatabase(dir);
-
-    // Several threads asking first read the settings once and share one object.
-    std::vector<std::thread> threads;
+    // Threads asking first read the settings once and share one object.
     std::vector<SysInfo*> seen(6, nullptr);
-    for (std::size_t i = 0; i < seen.size(); ++i)
-        threads.emplace_back([&seen, i] { seen[i] = globals()->sysInfo(); });
+    std::vector<std::thread> threads;
+    for (auto& slot : seen)
+        threads.emplace_back([&slot] { slot = globals()->sysInfo(); });
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(std::set<SysInfo*>(seen.begin(), seen.end()).size(), 1u);
-
-    const int expected = which == "270" ? 270 : 0;
+    EXPECT_EQ(seen[0]->screenRotationAngle(), expected);
+    compileDatabase(dir, "90"); // a later change is not seen
     EXPECT_EQ(globals()->sysInfo()->screenRotationAngle(), expected);
-
-    // A later change of the setting is not seen.
-    compileDatabase(dir, "90");
-    EXPECT_EQ(globals()->sysInfo()->screenRotationAngle(), expected);
-    EXPECT_EQ(globals()->sysInfo(), seen[0]);
 }
 
 } // namespace

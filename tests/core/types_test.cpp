@@ -1,6 +1,7 @@
 // Names of the shared enumerations, with the FourCC fallback of PixelFormat.
-
 #include <gtest/gtest.h>
+
+#include <sstream>
 
 #include <lumiflux/types.h>
 
@@ -8,49 +9,38 @@ using namespace Tevara::Lumiflux;
 
 namespace {
 
+// `names` lists the name of each value from 0 up, "-" for the empty one.
+template <typename Enum> void expectNames(const std::string& names, int first = 0)
+{
+    std::istringstream in(names);
+    int value = first;
+    for (std::string name; in >> name; ++value)
+        EXPECT_EQ(toString(static_cast<Enum>(value)), name == "-" ? "" : name) << value;
+}
+
 TEST(Types, NamesOfEveryValueAndOfNone)
 {
-    const std::pair<int, const char*> formats[] = {
-        {0, "Invalid"},          {1, "YUV420Planar"},  {2, "YUV420SemiPlanar"},
-        {0xFF, "YCbCrFlexible"}, {0xFFFB, "Mappable"}, {0xFFFC, "NotMappable"},
-        {0xFFFD, "Raw"},         {0xFFFE, "Encoded"},  {0xFFFF, "Preferred"}};
-    for (const auto& [value, name] : formats)
-        EXPECT_EQ(toString(PixelFormat(value)), name);
-    const char* tracks[] = {"Invalid", "Unknown", "Video", "Audio", "Subtitles", ""};
-    for (unsigned i = 0; i < 6; ++i)
-        EXPECT_EQ(toString(TrackType(i)), tracks[i]);
-    const char* states[] = {"Empty", "Playing", "Paused", "EOS", ""};
-    for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(toString(PlayerState(i)), states[i]);
-    EXPECT_EQ(toString(PlayerState(-1)), "");
-    const char* errors[] = {"Ok",
-                            "Unknown",
-                            "NotFound",
-                            "ReadFailed",
-                            "ResourceBusy",
-                            "ResourceFailed",
-                            "StreamFailed",
-                            "PlayFailed",
-                            "PauseFailed",
-                            "StopFailed",
-                            "SeekFailed",
-                            "ApplyPlaybackRateFailed",
-                            "SelectTracksFailed",
-                            "BackendFailed",
-                            ""};
-    for (unsigned i = 0; i < 15; ++i)
-        EXPECT_EQ(toString(PlayerError(i)), errors[i]);
+    expectNames<TrackType>("Invalid Unknown Video Audio Subtitles -");
+    expectNames<PlayerState>("- Empty Playing Paused EOS -", -1);
+    expectNames<PlayerError>("Ok Unknown NotFound ReadFailed ResourceBusy ResourceFailed StreamFailed PlayFailed "
+                             "PauseFailed StopFailed SeekFailed ApplyPlaybackRateFailed SelectTracksFailed "
+                             "BackendFailed -");
+    expectNames<PixelFormat>("Invalid YUV420Planar YUV420SemiPlanar");
+    expectNames<PixelFormat>("YCbCrFlexible", 0xFF);
+    expectNames<PixelFormat>("Mappable NotMappable Raw Encoded Preferred", 0xFFFB);
 }
 
 TEST(Types, OtherPixelFormatsGiveTheirFourRawBytes)
 {
     EXPECT_EQ(toString(PixelFormat(0x3231564E)), "NV12");
     EXPECT_EQ(toString(fourcc('Y', 'U', '1', '2')), "YU12");
-    EXPECT_EQ(toString(PixelFormat(3)), std::string("\x03\x00\x00\x00", 4));
-    EXPECT_EQ(toString(PixelFormat(0xFFFA)), std::string("\xFA\xFF\x00\x00", 4));
-    EXPECT_EQ(toString(PixelFormat(0x10000)), std::string("\x00\x00\x01\x00", 4));
-    EXPECT_EQ(toString(PixelFormat(-1)), std::string("\xFF\xFF\xFF\xFF", 4));
-    EXPECT_EQ(toString(PixelFormat(0xFE)), std::string("\xFE\x00\x00\x00", 4));
+    const std::pair<int, std::string> raw[] = {{3, {"\x03\x00\x00\x00", 4}},
+                                               {0xFE, {"\xFE\x00\x00\x00", 4}},
+                                               {0xFFFA, {"\xFA\xFF\x00\x00", 4}},
+                                               {0x10000, {"\x00\x00\x01\x00", 4}},
+                                               {-1, {"\xFF\xFF\xFF\xFF", 4}}};
+    for (const auto& [value, bytes] : raw)
+        EXPECT_EQ(toString(PixelFormat(value)), bytes) << value;
 }
 
 } // namespace
