@@ -1,11 +1,7 @@
 #pragma once
-
-// Hand-written H.264 units for the tests, field by field, so that each stream
-// says what it holds: a bit writer (fixed-width fields, Exp-Golomb codes, the
-// stop bit), emulation prevention and Annex B framing, and the units the
-// parsers read. An SPS is written from the library's own parameter set
-// record; only what that record does not hold is added here.
-
+// Hand-written H.264 units, field by field, so that each stream says what it
+// holds. An SPS is written from the library's own parameter set record plus
+// what that record does not hold.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -16,21 +12,19 @@
 namespace lumiflux_test {
 
 using Bytes = std::vector<std::uint8_t>;
-using Tevara::Lumiflux::Internal::SequenceParameterSet;
 
 class BitWriter {
 public:
     BitWriter& u(unsigned n, std::uint64_t value)
     {
-        for (unsigned i = n; i-- > 0;) {
+        for (unsigned i = n; i-- > 0; ++count) {
             if (count % 8 == 0)
                 out.push_back(0);
             out.back() |= static_cast<std::uint8_t>(((value >> i) & 1) << (7 - count % 8));
-            ++count;
         }
         return *this;
     }
-    BitWriter& flag(bool value) { return u(1, value ? 1 : 0); }
+    BitWriter& flag(bool value) { return u(1, value); }
     BitWriter& ue(std::uint64_t value)
     {
         unsigned length = 0;
@@ -38,75 +32,40 @@ public:
             ++length;
         return u(length, 0).u(length + 1, value + 1);
     }
-    BitWriter& se(std::int64_t v)
-    {
-        return ue(v > 0 ? static_cast<std::uint64_t>(2 * v - 1) : static_cast<std::uint64_t>(-2 * v));
-    }
-    /** rbsp_trailing_bits: a stop bit and zeros up to the byte boundary. */
-    BitWriter& trailing()
-    {
-        u(1, 1);
-        return u(static_cast<unsigned>((8 - count % 8) % 8), 0);
-    }
-    const Bytes& bytes() const { return out; }
+    BitWriter& se(std::int64_t v) { return ue(static_cast<std::uint64_t>(v > 0 ? 2 * v - 1 : -2 * v)); }
+    Bytes trailing() { return u(1, 1).u((8 - count % 8) % 8, 0).out; } ///< the stop bit and byte alignment
 
 private:
     Bytes out;
     std::uint64_t count = 0;
 };
 
-/** Inserts an emulation-prevention 03 wherever two zeros meet a byte up to 03. */
-inline Bytes escapeRbsp(const Bytes& rbsp)
-{
-    Bytes out;
-    int zeros = 0;
-    for (std::uint8_t byte : rbsp) {
-        if (zeros >= 2 && byte <= 3) {
-            out.push_back(3);
-            zeros = 0;
-        }
-        out.push_back(byte);
-        zeros = byte == 0 ? zeros + 1 : 0;
-    }
-    return out;
-}
-
-/** Appends a start code (3 or 4 bytes) and the escaped unit to `stream`. */
+/** Appends a start code of `startCode` bytes and `rbsp` with emulation prevention. */
 inline void appendNal(Bytes& stream, const Bytes& rbsp, int startCode = 4)
 {
     stream.insert(stream.end(), static_cast<std::size_t>(startCode - 1), 0);
     stream.push_back(1);
-    const Bytes escaped = escapeRbsp(rbsp);
-    stream.insert(stream.end(), escaped.begin(), escaped.end());
+    for (std::uint8_t byte : rbsp) {
+        if (byte <= 3 && stream.end()[-1] == 0 && stream.end()[-2] == 0)
+            stream.push_back(3);
+        stream.push_back(byte);
+    }
 }
 
-/**
- * An SPS to write. The base's values are written as they are named (bit
- * depths, log2 sizes and macroblock counts, each less its offset); the crop,
- * which the base holds in pixels, is written from `cropUnits`.
- */
-struct SpsFields : SequenceParameterSet {
+/** An SPS to write; the crop in frame_crop_*_offset units. */
+struct SpsFields : Tevara::Lumiflux::Internal::SequenceParameterSet {
     explicit SpsFields(int profile = 66, unsigned mbsWide = 11, unsigned mapUnitsHigh = 9) // 176x144
     {
-        profileIdc = profile;
-        levelIdc = 30;
-        log2MaxPocLsb = 6;
-        maxNumRefFrames = 1;
-        widthInMbs = mbsWide;
-        heightInMapUnits = mapUnitsHigh;
+        profileIdc = profile, levelIdc = 30, log2MaxPocLsb = 6, maxNumRefFrames = 1;
+        widthInMbs = mbsWide, heightInMapUnits = mapUnitsHigh;
     }
-    /** frame_crop_{left,right,top,bottom}_offset; cropping is signalled when any is set. */
     std::array<unsigned, 4> cropUnits{};
-    /**
-     * Scaling list flags: when not empty, seq_scaling_matrix_present_flag is
-     * set and list i is present when presentLists[i] is. Even lists run their
-     * full length (16 or 64 values), odd ones end early with a zero scale.
-     */
+    /** Scaling list flags (seq_scaling_matrix_present when any); even lists run full length, odd ones stop at once. */
     std::vector<bool> presentLists;
     std::vector<std::int64_t> pocCycle; ///< offset_for_ref_frame values, for pocType 1
 };
 
-/** The SPS RBSP, header byte 0x67 first, trailing bits last; a VUI when a SAR or timing is set. */
+/** The SPS, header byte first; with a VUI when a SAR or timing is set. */
 inline Bytes spsRbsp(const SpsFields& f)
 {
     BitWriter w;
@@ -117,83 +76,73 @@ inline Bytes spsRbsp(const SpsFields& f)
         if (f.chromaFormatIdc == 3)
             w.flag(f.separateColourPlane);
         w.ue(f.bitDepthLuma - 8).ue(f.bitDepthChroma - 8).flag(false).flag(!f.presentLists.empty());
-        for (std::size_t i = 0; i < f.presentLists.size(); ++i) {
-            w.flag(f.presentLists[i]);
-            if (!f.presentLists[i])
-                continue;
-            w.se(5); // scale 13, then either 13 to the end of the list or 0, which ends it
-            for (int j = 1, size = i < 6 ? 16 : 64; j < (i % 2 == 0 ? size : 2); ++j)
-                w.se(i % 2 == 0 ? 0 : -13);
-        }
+        for (std::size_t i = 0; i < f.presentLists.size(); ++i) // scale 13, then 13s to the end or a 0
+            for (int j = (w.flag(f.presentLists[i]), 0); f.presentLists[i] && j < (i % 2 ? 2 : i < 6 ? 16 : 64); ++j)
+                w.se(j == 0 ? 5 : i % 2 ? -13 : 0);
     }
     w.ue(f.log2MaxFrameNum - 4).ue(f.pocType);
     if (f.pocType == 0)
         w.ue(f.log2MaxPocLsb - 4);
-    if (f.pocType == 1) {
+    if (f.pocType == 1)
         w.flag(f.deltaPicOrderAlwaysZero).se(-1).se(2).ue(f.pocCycle.size());
-        for (auto v : f.pocCycle)
-            w.se(v);
-    }
-    w.ue(f.maxNumRefFrames).flag(false).ue(std::uint64_t{f.widthInMbs} - 1).ue(std::uint64_t{f.heightInMapUnits} - 1);
-    w.flag(f.frameMbsOnly);
+    for (auto offset : f.pocCycle)
+        w.se(offset);
+    w.ue(f.maxNumRefFrames).flag(false).ue(f.widthInMbs - 1ull).ue(f.heightInMapUnits - 1ull).flag(f.frameMbsOnly);
     if (!f.frameMbsOnly)
         w.flag(f.mbAdaptiveFrameField);
     const bool crop = f.cropUnits != std::array<unsigned, 4>{};
     w.flag(true).flag(crop); // direct_8x8_inference_flag, frame_cropping_flag
-    for (std::size_t i = 0; crop && i < f.cropUnits.size(); ++i)
+    for (std::size_t i = 0; crop && i < 4; ++i)
         w.ue(f.cropUnits[i]);
     const bool sar = f.sarWidth != 0, timing = f.numUnitsInTick != 0 || f.timeScale != 0;
-    w.flag(sar || timing);
-    if (sar || timing) {
-        w.flag(sar);
-        if (sar)
+    if (w.flag(sar || timing), sar || timing) {
+        if (w.flag(sar), sar)
             w.u(8, 255).u(16, f.sarWidth).u(16, f.sarHeight);
-        w.flag(false).flag(false).flag(false).flag(timing); // overscan, signal type, chroma location
-        if (timing)
+        if (w.u(3, 0).flag(timing), timing) // no overscan, signal type or chroma location
             w.u(32, f.numUnitsInTick).u(32, f.timeScale).flag(f.fixedFrameRate);
-        w.u(4, 0); // HRD x2, pic_struct, restrictions
+        w.u(4, 0); // no HRD, pic_struct or restrictions
     }
-    return w.trailing().bytes();
+    return w.trailing();
 }
 
-/** PPS 0 of SPS 0, CAVLC, one slice group. */
+/** PPS 0 of SPS 0: CAVLC, one slice group. */
 inline Bytes ppsRbsp()
 {
-    BitWriter w;
-    w.u(8, 0x68).ue(0).ue(0).flag(false).flag(false).ue(0).ue(0).ue(0).flag(false).u(2, 0);
-    return w.se(0).se(0).se(0).flag(true).flag(false).flag(false).trailing().bytes();
+    return BitWriter().u(8, 0x68).ue(0).ue(0).u(2, 0).ue(0).ue(0).ue(0).u(3, 0).se(0).se(0).se(0).u(3, 4).trailing();
 }
 
-/** A slice of `sps` (pocType 0): its header up to the POC, then payload bytes that need escaping. */
-inline Bytes sliceRbsp(int nalType, std::uint32_t frameNum = 0, std::uint32_t pocLsb = 0, unsigned firstMb = 0,
-                       int nalRefIdc = 3, unsigned idrPicId = 0, const SequenceParameterSet& sps = SpsFields())
+/** A slice of PPS 0 (of an SPS with default log2 sizes): its header up to the POC, then bytes that need escaping. */
+inline Bytes sliceRbsp(int nalType, unsigned frameNum = 0, unsigned pocLsb = 0, unsigned firstMb = 0, int nalRefIdc = 3,
+                       unsigned idrPicId = 0)
 {
     BitWriter w;
-    w.u(1, 0).u(2, nalRefIdc).u(5, nalType).ue(firstMb).ue(7).ue(0).u(sps.log2MaxFrameNum, frameNum); // I, PPS 0
+    w.u(3, nalRefIdc).u(5, nalType).ue(firstMb).ue(7).ue(0).u(4, frameNum); // an I slice
     if (nalType == 5)
         w.ue(idrPicId);
-    return w.u(sps.log2MaxPocLsb, pocLsb).u(40, 0xa5c3000001).trailing().bytes();
+    return w.u(6, pocLsb).u(40, 0xa5c3000001).trailing();
 }
 
-/** An SEI unit with a 300-byte user-data message (a two-byte size) and, optionally, a recovery point. */
-inline Bytes seiRbsp(bool recoveryPoint)
+/** An SEI: a 300-byte user-data message that claims `declaredSize` bytes, then a recovery point if asked. */
+inline Bytes seiRbsp(bool recoveryPoint, unsigned declaredSize = 300)
 {
     BitWriter w;
-    w.u(8, 0x06).u(8, 5).u(8, 255).u(8, 45);
+    w.u(8, 0x06).u(8, 5);
+    for (; declaredSize >= 255; declaredSize -= 255)
+        w.u(8, 255);
+    w.u(8, declaredSize);
     for (int i = 0; i < 300; ++i)
         w.u(8, i == 100 ? 6 : 0x20);
     if (recoveryPoint)
-        w.u(8, 6).u(8, 1).ue(0).flag(true).u(6, 0); // recovery_frame_cnt 0, exact_match_flag, padding
-    return w.trailing().bytes();
+        w.u(8, 6).u(8, 1).ue(0).flag(true).u(6, 0); // recovery_frame_cnt 0, exact_match_flag
+    return w.trailing();
 }
 
 /** SPS, PPS and one IDR picture of one slice. */
 inline Bytes oneIdrPicture(const SpsFields& sps = SpsFields())
 {
     Bytes stream;
-    appendNal(stream, spsRbsp(sps));
-    appendNal(stream, ppsRbsp());
-    appendNal(stream, sliceRbsp(5, 0, 0, 0, 3, 0, sps));
+    for (const Bytes& unit : {spsRbsp(sps), ppsRbsp(), sliceRbsp(5)})
+        appendNal(stream, unit);
     return stream;
 }
 
