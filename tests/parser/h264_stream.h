@@ -52,6 +52,14 @@ inline void appendNal(Bytes& stream, const Bytes& rbsp, int startCode = 4)
     }
 }
 
+inline Bytes annexB(std::initializer_list<Bytes> units)
+{
+    Bytes stream;
+    for (const Bytes& unit : units)
+        appendNal(stream, unit);
+    return stream;
+}
+
 /** An SPS to write; the crop in frame_crop_*_offset units. */
 struct SpsFields : Tevara::Lumiflux::Internal::SequenceParameterSet {
     explicit SpsFields(int profile = 66, unsigned mbsWide = 11, unsigned mapUnitsHigh = 9) // 176x144
@@ -60,12 +68,13 @@ struct SpsFields : Tevara::Lumiflux::Internal::SequenceParameterSet {
         widthInMbs = mbsWide, heightInMapUnits = mapUnitsHigh;
     }
     std::array<unsigned, 4> cropUnits{};
-    /** Scaling list flags (seq_scaling_matrix_present when any); even lists run full length, odd ones stop at once. */
+    /** Scaling lists present (when any is listed): each is `firstDelta`, then 0s to its end (odd lists stop at once).
+     */
     std::vector<bool> presentLists;
+    int firstDelta = 5;
     std::vector<std::int64_t> pocCycle; ///< offset_for_ref_frame values, for pocType 1
 };
 
-/** The SPS, header byte first; with a VUI when a SAR or timing is set. */
 inline Bytes spsRbsp(const SpsFields& f)
 {
     BitWriter w;
@@ -76,9 +85,9 @@ inline Bytes spsRbsp(const SpsFields& f)
         if (f.chromaFormatIdc == 3)
             w.flag(f.separateColourPlane);
         w.ue(f.bitDepthLuma - 8).ue(f.bitDepthChroma - 8).flag(false).flag(!f.presentLists.empty());
-        for (std::size_t i = 0; i < f.presentLists.size(); ++i) // scale 13, then 13s to the end or a 0
+        for (std::size_t i = 0; i < f.presentLists.size(); ++i)
             for (int j = (w.flag(f.presentLists[i]), 0); f.presentLists[i] && j < (i % 2 ? 2 : i < 6 ? 16 : 64); ++j)
-                w.se(j == 0 ? 5 : i % 2 ? -13 : 0);
+                w.se(j == 0 ? f.firstDelta : i % 2 ? -8 - f.firstDelta : 0);
     }
     w.ue(f.log2MaxFrameNum - 4).ue(f.pocType);
     if (f.pocType == 0)
@@ -95,7 +104,7 @@ inline Bytes spsRbsp(const SpsFields& f)
     for (std::size_t i = 0; crop && i < 4; ++i)
         w.ue(f.cropUnits[i]);
     const bool sar = f.sarWidth != 0, timing = f.numUnitsInTick != 0 || f.timeScale != 0;
-    if (w.flag(sar || timing), sar || timing) {
+    if (w.flag(sar || timing), sar || timing) { // a VUI
         if (w.flag(sar), sar)
             w.u(8, 255).u(16, f.sarWidth).u(16, f.sarHeight);
         if (w.u(3, 0).flag(timing), timing) // no overscan, signal type or chroma location
@@ -111,39 +120,33 @@ inline Bytes ppsRbsp()
     return BitWriter().u(8, 0x68).ue(0).ue(0).u(2, 0).ue(0).ue(0).ue(0).u(3, 0).se(0).se(0).se(0).u(3, 4).trailing();
 }
 
-/** A slice of PPS 0 (of an SPS with default log2 sizes): its header up to the POC, then bytes that need escaping. */
+/** An I slice of PPS 0 (log2 sizes as SpsFields has them): its header, then bytes that need escaping. */
 inline Bytes sliceRbsp(int nalType, unsigned frameNum = 0, unsigned pocLsb = 0, unsigned firstMb = 0, int nalRefIdc = 3,
                        unsigned idrPicId = 0)
 {
     BitWriter w;
-    w.u(3, nalRefIdc).u(5, nalType).ue(firstMb).ue(7).ue(0).u(4, frameNum); // an I slice
+    w.u(3, nalRefIdc).u(5, nalType).ue(firstMb).ue(7).ue(0).u(4, frameNum);
     if (nalType == 5)
         w.ue(idrPicId);
     return w.u(6, pocLsb).u(40, 0xa5c3000001).trailing();
 }
 
-/** An SEI: a 300-byte user-data message that claims `declaredSize` bytes, then a recovery point if asked. */
+/** An SEI: a 300-byte user-data message claiming `declaredSize` bytes, then a recovery point if asked. */
 inline Bytes seiRbsp(bool recoveryPoint, unsigned declaredSize = 300)
 {
     BitWriter w;
-    w.u(8, 0x06).u(8, 5);
-    for (; declaredSize >= 255; declaredSize -= 255)
+    for (w.u(8, 0x06).u(8, 5); declaredSize >= 255; declaredSize -= 255)
         w.u(8, 255);
-    w.u(8, declaredSize);
-    for (int i = 0; i < 300; ++i)
-        w.u(8, i == 100 ? 6 : 0x20);
+    for (int i = -1; i < 300; ++i)
+        w.u(8, i < 0 ? declaredSize : i == 100 ? 6 : 0x20);
     if (recoveryPoint)
         w.u(8, 6).u(8, 1).ue(0).flag(true).u(6, 0); // recovery_frame_cnt 0, exact_match_flag
     return w.trailing();
 }
 
-/** SPS, PPS and one IDR picture of one slice. */
 inline Bytes oneIdrPicture(const SpsFields& sps = SpsFields())
 {
-    Bytes stream;
-    for (const Bytes& unit : {spsRbsp(sps), ppsRbsp(), sliceRbsp(5)})
-        appendNal(stream, unit);
-    return stream;
+    return annexB({spsRbsp(sps), ppsRbsp(), sliceRbsp(5)});
 }
 
 } // namespace lumiflux_test
