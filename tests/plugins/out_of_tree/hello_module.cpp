@@ -1,5 +1,4 @@
-// A plug-in written outside the project: it sees nothing but the installed
-// headers and the pkg-config (or CMake package) flags.
+// A plug-in built outside the project, from the installed headers and flags alone.
 #include <lumiflux/lumiflux.h>
 
 namespace {
@@ -13,8 +12,7 @@ public:
 
 LUMIFLUX_DEFINE_MODULE(globals)
 {
-    // The module may use the globals right away.
-    (void)globals->sysInfo()->screenRotationAngle();
+    (void)globals->sysInfo()->screenRotationAngle(); // a module may use the globals at once
     static HelloModule module;
     return &module;
 }

@@ -1,0 +1,166 @@
+// Logging, the device facts and the enumeration names. Logging and the facts
+// are set up once per process, so each environment runs in its own (see
+// CMakeLists.txt); the test program captures syslog() itself.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <syslog.h>
+#include <thread>
+
+#include <lumiflux/log_line.h>
+#include <lumiflux/sysinfo.h>
+#include <lumiflux/types.h>
+
+#include "syslog_capture.h"
+#include "test_paths.h"
+
+using namespace lumiflux_test;
+using namespace Tevara::Lumiflux;
+
+namespace {
+
+std::streambuf* const originalClogBuffer = std::clog.rdbuf();
+
+// Priority and text of what was sent, the line numbers of log heads as N.
+std::string sent()
+{
+    std::string result;
+    for (const auto& record : syslogRecords())
+        result += std::to_string(record.priority) + " " + record.text;
+    return std::regex_replace(result, std::regex(":[0-9]+ -- "), ":N -- ");
+}
+
+TEST(LogInitRace, FirstCallsFromManyThreadsAtOnceInstallOneBuffer)
+{
+    std::atomic<int> waiting{8};
+    std::vector<std::thread> threads(8);
+    for (auto& t : threads)
+        t = std::thread([&waiting] {
+            for (--waiting; waiting.load() > 0;) {
+            } // all start together, so the first initialisation is contested
+            LogInit();
+        });
+    for (auto& t : threads)
+        t.join();
+    std::streambuf* installed = std::clog.rdbuf();
+    LogInit();
+    EXPECT_TRUE(installed != originalClogBuffer && std::clog.rdbuf() == installed);
+    const auto opens = openlogCalls();
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_TRUE(opens[0].ident == "lumiflux" && opens[0].option == LOG_PID && opens[0].facility == LOG_USER);
+    std::clog << LogLevel::Error << "after the race" << std::endl;
+    EXPECT_EQ(sent(), "3 after the race\n");
+}
+
+// Syslog on; LUMIFLUX_DEBUG unset, or set to anything ("" and "0" included).
+TEST(LogSyslog, EachFlushSendsOneRecordAtItsLevelsPriority)
+{
+    LogInit();
+    clearSyslog();
+    LUMIFLUX_LOG(LogLevel::Error, "main ") << "cannot open plugin: "
+                                           << "reason" << std::endl;
+    std::clog << LogLevel::Error << "line one\nline two" << '\n' << std::flush; // one record until the flush
+    std::clog << LogLevel{5} << "odd level" << std::endl;                       // kept, sent as debug
+    std::clog << LogLevel{-3} << "negative level" << std::endl;                 // below every minimum
+    std::clog << LogLevel::Info << "info" << std::endl;
+    std::clog << "no level" << std::endl;
+    std::clog << LogLevel::Error << std::flush; // empty: sends nothing, still resets the level
+    std::clog << "after the empty flush" << std::endl;
+    LUMIFLUX_LOG_DIGIT(2, "[lumiflux-player] ") << "Failed to change the state to PAUSED" << std::endl;
+    std::clog << "lost " << LogLevel::Error << "kept" << std::endl; // text before the level is dropped as it comes
+    EXPECT_EQ(sent(), std::getenv("LUMIFLUX_DEBUG") == nullptr
+                          ? "3 main TestBody:N -- cannot open plugin: reason\n3 line one\nline two\n7 odd level\n"
+                            "6 info\n3 kept\n"
+                          : "3 main TestBody:N -- cannot open plugin: reason\n3 line one\nline two\n7 odd level\n"
+                            "6 info\n7 no level\n7 after the empty flush\n7 2[lumiflux-player] TestBody:N -- Failed "
+                            "to change the state to PAUSED\n3 lost kept\n");
+}
+
+TEST(LogSyslogOff, NothingIsInstalledAndEverythingGoesToStandardError)
+{
+    LogInit();
+    EXPECT_TRUE(std::clog.rdbuf() == originalClogBuffer && openlogCalls().empty());
+    testing::internal::CaptureStderr();
+    LUMIFLUX_LOG_DIGIT(0, "main ") << "debug digit" << std::endl;
+    LUMIFLUX_LOG(LogLevel::Error, "main ") << "error level" << std::endl;
+    std::clog << LogLevel::Debug << "debug level" << std::endl;
+    EXPECT_EQ(std::regex_replace(testing::internal::GetCapturedStderr(), std::regex(":[0-9]+ -- "), ":N -- "),
+              "0main TestBody:N -- debug digit\nmain TestBody:N -- error level\ndebug level\n");
+    EXPECT_EQ(sent(), "");
+}
+
+// LUMIFLUX_DEBUG set: the library's buffer keeps every line whichever thread's
+// flush resets the level, and its lock keeps each insertion whole.
+TEST(LogFormat, PointersOnOneThreadNeverTurnAnotherThreadsNumbersHexadecimal)
+{
+    LogInit();
+    clearSyslog();
+    constexpr int count = 100000;
+    std::thread numbers([] {
+        for (int i = 0; i < count; ++i)
+            LUMIFLUX_LOG_DIGIT(0, "main ") << "value " << 207 << std::endl;
+    });
+    const auto* pointer = reinterpret_cast<const void*>(std::uintptr_t{0xdeadbeef0});
+    for (int i = 0; i < count; ++i)
+        LUMIFLUX_LOG_DIGIT(0, "main ") << Internal::LogPointer{pointer} << std::endl;
+    numbers.join();
+    std::map<std::string, int> found; // the pointers are the only hexadecimal text
+    for (const auto& record : syslogRecords())
+        for (const char* text : {"0x", "0xdeadbeef0", "207"})
+            for (auto at = record.text.find(text); at != std::string::npos; at = record.text.find(text, at + 1))
+                ++found[text];
+    EXPECT_EQ(found, (std::map<std::string, int>{{"0x", count}, {"0xdeadbeef0", count}, {"207", count}}));
+}
+
+// The rotation angle from a real dconf database (`dconf compile`, selected by
+// DCONF_PROFILE), whose key LUMIFLUX_TEST_DCONF names: read once, never again.
+TEST(SysInfo, AngleComesFromTheSettingsOnceAndNeverChanges)
+{
+    const std::map<std::string, std::pair<std::string, int>> settings{
+        {"unset", {"", 0}}, {"270", {"270", 270}}, {"string", {"'portrait'", 0}}};
+    const auto& [value, expected] = settings.at(std::getenv("LUMIFLUX_TEST_DCONF"));
+    const std::string dir = freshDirectory("dconf");
+    for (const std::string& key : {value, std::string("90")}) {
+        std::filesystem::remove_all(dir + "/keys");
+        std::filesystem::create_directories(dir + "/keys");
+        std::ofstream(dir + "/keys/00") << (key.empty() ? "[desktop/vantel/other]\nunrelated=1\n"
+                                                        : "[desktop/vantel/components]\nscreen_rotation_angle=" + key);
+        ASSERT_EQ(runCommand("dconf compile '" + dir + "/db' '" + dir + "/keys'"), 0) << "is dconf-cli installed?";
+        std::ofstream(dir + "/profile") << "file-db:" << dir << "/db\n";
+        setenv("DCONF_PROFILE", (dir + "/profile").c_str(), 1);
+        EXPECT_EQ(Internal::globals()->sysInfo()->screenRotationAngle(), expected);
+    }
+}
+
+// `names` lists the name of each value from `first` up, "-" for the empty one.
+template <typename Enum> void expectNames(const std::string& names, int first = 0)
+{
+    std::istringstream in(names);
+    int value = first;
+    for (std::string name; in >> name; ++value)
+        EXPECT_EQ(toString(static_cast<Enum>(value)), name == "-" ? "" : name) << value;
+}
+
+TEST(Types, NamesOfEveryValueAndOfNone)
+{
+    expectNames<TrackType>("Invalid Unknown Video Audio Subtitles -");
+    expectNames<PlayerState>("- Empty Playing Paused EOS -", -1);
+    expectNames<PlayerError>("Ok Unknown NotFound ReadFailed ResourceBusy ResourceFailed StreamFailed PlayFailed "
+                             "PauseFailed StopFailed SeekFailed ApplyPlaybackRateFailed SelectTracksFailed "
+                             "BackendFailed -");
+    expectNames<PixelFormat>("Invalid YUV420Planar YUV420SemiPlanar");
+    expectNames<PixelFormat>("YCbCrFlexible", 0xFF);
+    expectNames<PixelFormat>("Mappable NotMappable Raw Encoded Preferred", 0xFFFB);
+    // Any other value is a FourCC: its four bytes, lowest first, unfiltered.
+    EXPECT_EQ(toString(PixelFormat(0x3231564E)) + toString(fourcc('Y', 'U', '1', '2')), "NV12YU12");
+    EXPECT_EQ(toString(PixelFormat(3)) + toString(PixelFormat(0xFFFA)) + toString(PixelFormat(-1)),
+              std::string("\x03\x00\x00\x00\xFA\xFF\x00\x00\xFF\xFF\xFF\xFF", 12));
+}
+
+} // namespace
