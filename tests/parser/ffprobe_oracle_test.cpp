@@ -25,11 +25,6 @@ struct EncodeCase {
     std::string pixelFormat, encoder, options; ///< encoder: "x264" (command line) or "ffmpeg" (its libx264)
 };
 
-void PrintTo(const EncodeCase& c, std::ostream* os)
-{
-    *os << c.name;
-}
-
 class FfprobeOracle : public ::testing::TestWithParam<EncodeCase> {};
 
 TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)

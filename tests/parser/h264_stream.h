@@ -1,7 +1,6 @@
 #pragma once
-// Hand-written H.264 units, field by field, so that each stream says what it
-// holds. An SPS is written from the library's own parameter set record plus
-// what that record does not hold.
+// Hand-written H.264 units, field by field. An SPS is written from the
+// library's own parameter set record plus what that record does not hold.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -13,8 +12,7 @@ namespace lumiflux_test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-class BitWriter {
-public:
+struct BitWriter {
     BitWriter& u(unsigned n, std::uint64_t value)
     {
         for (unsigned i = n; i-- > 0; ++count) {
@@ -34,8 +32,6 @@ public:
     }
     BitWriter& se(std::int64_t v) { return ue(static_cast<std::uint64_t>(v > 0 ? 2 * v - 1 : -2 * v)); }
     Bytes trailing() { return u(1, 1).u((8 - count % 8) % 8, 0).out; } ///< the stop bit and byte alignment
-
-private:
     Bytes out;
     std::uint64_t count = 0;
 };
