@@ -1,6 +1,5 @@
-// Codec parameters: number reading as the C library reads it, ranges as text,
-// discrete and read-only parameters, and the ownership rules of the set.
-
+// Codec parameters: numbers read as the C library reads them, ranges as text,
+// discrete and read-only parameters, and what the set owns.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -14,42 +13,36 @@ using namespace Tevara::Lumiflux::Internal;
 
 namespace {
 
-// Counts destructions, to see who deletes a parameter.
 int destroyed = 0;
 
-class CountedParameter : public Parameter {
-public:
-    explicit CountedParameter(const std::string& initial) : Parameter(initial) {}
-    ~CountedParameter() override { ++destroyed; }
+struct Counted : Parameter {
+    using Parameter::Parameter;
+    ~Counted() override { ++destroyed; }
 };
 
-class Choice : public Parameter, public DiscreteParameterMixin {
-public:
-    Choice(const std::string& initial, std::vector<std::string> allowedValues)
-        : Parameter(initial), DiscreteParameterMixin(std::move(allowedValues))
+struct Choice : Parameter, DiscreteParameterMixin {
+    Choice(const std::string& initial, std::vector<std::string> allowed)
+        : Parameter(initial), DiscreteParameterMixin(std::move(allowed))
     {
     }
     std::string range() const override { return DiscreteParameterMixin::range(); }
     bool validate(const std::string& value) const override { return DiscreteParameterMixin::validate(value); }
 };
 
-// Overrides assign(), to see which assign() change() uses.
-class Shouting : public ReadOnlyParameter {
-public:
+struct Shouting : ReadOnlyParameter { // which assign() does change() use?
     using ReadOnlyParameter::ReadOnlyParameter;
     void assign(const std::string&) override { text = "overridden"; }
 };
 
-class Doubled : public IntParameter {
-public:
+struct Doubled : IntParameter {
     using IntParameter::IntParameter;
     std::string adjust(const std::string& value) const override { return value + value; }
 };
 
 TEST(Parameters, NumbersReadLikeScanfKeepTheTextAndStayInRange)
 {
-    // {text, accepted, value read}: a refused text changes nothing.
-    // A leading 0 is octal, and "08" reads as 0: the octal number ends at the 8.
+    // {text, accepted, value read}: a refused text changes nothing. A
+    // leading 0 is octal, so "08" reads as 0: the octal number ends at the 8.
     struct IntCase {
         const char* text;
         bool accepted;
@@ -73,7 +66,6 @@ TEST(Parameters, NumbersReadLikeScanfKeepTheTextAndStayInRange)
         EXPECT_EQ(i.value(), c.value) << c.text;
         EXPECT_EQ(i.get(), c.accepted ? c.text : before) << c.text;
     }
-
     FloatParameter f("0.25", 0.0f, 1.0f);
     EXPECT_FLOAT_EQ(f.value(), 0.25f);
     for (const char* refused : {"1.5", "nan", "-0.1", "."})
@@ -81,11 +73,15 @@ TEST(Parameters, NumbersReadLikeScanfKeepTheTextAndStayInRange)
     EXPECT_TRUE(f.set("5e-1x"));
     EXPECT_FLOAT_EQ(f.value(), 0.5f);
     float read = 0;
-    EXPECT_TRUE(f.convert("nan", &read)) << "nan is a number to scanf";
-    EXPECT_TRUE(std::isnan(read));
+    EXPECT_TRUE(f.convert("nan", &read) && std::isnan(read)) << "nan is a number to scanf";
+    // set() stores the adjusted text but converts the caller's.
+    Doubled d("1", 0, 1000);
+    EXPECT_TRUE(d.set("5"));
+    EXPECT_EQ(d.get(), "55");
+    EXPECT_EQ(d.value(), 5);
 }
 
-TEST(Parameters, RangeTexts)
+TEST(Parameters, RangeTextsAndChoices)
 {
     const std::pair<std::string, std::string> cases[] = {
         {IntParameter("0", 0, 100).range(), "0-100"},
@@ -99,23 +95,13 @@ TEST(Parameters, RangeTexts)
         {Choice("low", {"low", "medium", "high"}).range(), "low,medium,high"}};
     for (const auto& [actual, expected] : cases)
         EXPECT_EQ(actual, expected);
-}
-
-TEST(Parameters, DiscreteValuesAndAdjustedText)
-{
     Choice c("a", {"a", "b"});
     EXPECT_EQ(c.index("b"), 1u);
     EXPECT_EQ(c.index("c"), 2u) << "past the end when not allowed";
     EXPECT_FALSE(c.set("A"));
     EXPECT_TRUE(c.set("b"));
     EXPECT_EQ(c.get(), "b");
-
-    // set() stores the adjusted text but converts the caller's.
-    Doubled p("1", 0, 1000);
-    EXPECT_TRUE(p.set("5"));
-    EXPECT_EQ(p.get(), "55");
-    EXPECT_EQ(p.value(), 5);
-    EXPECT_TRUE(Parameter("a").set("anything at all")) << "the base accepts every text";
+    EXPECT_TRUE(Parameter("a").set("anything at all"));
 }
 
 TEST(Parameters, ReadOnlyChangesOnlyThroughChange)
@@ -143,26 +129,21 @@ TEST(Parameters, SetLooksUpByIdAndOwnsWhatItKeeps)
     {
         ParameterSet set;
         EXPECT_FALSE(set.set(1, "x"));
-        EXPECT_EQ(set.get(1), "");
-        EXPECT_EQ(set.range(1), "");
+        EXPECT_EQ(set.get(1) + set.range(1), "");
         EXPECT_EQ(set.find(1), nullptr);
-
-        auto* first = new CountedParameter("first");
-        auto* second = new CountedParameter("second");
+        auto* first = new Counted("first");
+        auto* second = new Counted("second");
         EXPECT_TRUE(set.registerParameter(1, first));
         EXPECT_FALSE(set.registerParameter(1, second));
-        EXPECT_EQ(set.get(1), "first");
         EXPECT_EQ(set.find(1), first);
         delete second; // refused, so still ours
         EXPECT_EQ(destroyed, 1);
-
         ASSERT_TRUE(set.registerParameter(4, new IntParameter("1", 1, 9)));
         EXPECT_EQ(set.range(4), "1-9");
         EXPECT_TRUE(set.set(4, "9"));
         EXPECT_EQ(set.ids(), (std::vector<unsigned>{1, 4}));
-
         // Replaces, not merges: the old ones are deleted.
-        set.registerParameters({{7, new CountedParameter("seven")}, {8, new CountedParameter("eight")}});
+        set.registerParameters({{7, new Counted("seven")}, {8, new Counted("eight")}});
         EXPECT_EQ(destroyed, 2);
         EXPECT_EQ(set.find(1), nullptr);
         EXPECT_EQ(set.get(7), "seven");
