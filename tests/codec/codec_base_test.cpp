@@ -11,6 +11,7 @@
 #include <lumiflux/log.h>
 
 #include "syslog_capture.h"
+#include "test_codecs.h"
 
 using namespace Tevara::Lumiflux;
 using Internal::VideoCodecDesc;
@@ -18,57 +19,14 @@ using lumiflux_test::syslogRecordsContaining;
 
 namespace {
 
-template <typename Base> struct TestCodec : Base {
-    using Base::Base;
-    bool start() override { return true; }
-    bool flush() override { return true; }
-    bool stop() override { return true; }
-    bool setParameter(unsigned, const std::string&) override { return false; }
-    std::string getParameter(unsigned) const override { return {}; }
-    const Internal::ParameterSet& parameters() const override { return this->parameterSet; }
-};
-
-struct TestEncoder : TestCodec<Internal::BaseVideoEncoder> {
-    using TestCodec::TestCodec;
-    bool configure(const VideoEncoderMetadata&) override { return true; }
-    bool encode(const std::shared_ptr<GraphicBuffer>&, bool) override { return false; }
-    int pendingFrames() const override { return 0; }
-    void notifyEos() // as a plug-in calls its listener: under listenerMutex
-    {
-        std::lock_guard<std::recursive_mutex> lock(listenerMutex);
-        if (listener != nullptr)
-            listener->onEncoderEos();
-    }
-};
-
-struct TestDecoder : TestCodec<Internal::BaseVideoDecoder> {
-    using TestCodec::TestCodec;
-    bool configure(const VideoDecoderMetadata&) override { return true; }
-    bool decode(const std::uint8_t*, std::size_t, std::int64_t) override { return false; }
-    bool drain() override { return true; }
-};
-
 VideoCodecDesc desc(const std::string& id, CodecType type, bool encoder, int maxInstances, bool hw = false,
                     const SizeRange& range = {{16, 16}, {1920, 1080}}, const Size& alignment = {2, 2})
 {
     return VideoCodecDesc({type, encoder, id, 0, maxInstances, hw}, range, alignment);
 }
 
-struct TestManager : Internal::BaseCodecManager {
-    explicit TestManager(const std::vector<VideoCodecDesc>& list)
-    {
-        for (const auto& codec : list)
-            addCodec(codec);
-    }
-    bool init() override { return true; }
-    std::shared_ptr<VideoEncoder> instantiateVideoEncoder(const VideoCodecDesc& codec) override
-    {
-        return std::make_shared<TestEncoder>(this, codec);
-    }
-    std::shared_ptr<VideoDecoder> instantiateVideoDecoder(const VideoCodecDesc& codec) override
-    {
-        return std::make_shared<TestDecoder>(this, codec);
-    }
+struct TestManager : lumiflux_test::TestCodecManager {
+    explicit TestManager(const std::vector<VideoCodecDesc>& list) : TestCodecManager("", list) { init(); }
 };
 
 template <typename Metadata> Metadata stream(int width, int height, CodecType type = CodecType::H264, int stride = 0)
@@ -242,29 +200,6 @@ TEST_F(CodecBase, InstanceCountSurvivesContention)
         if (auto encoder = manager.createVideoEncoderById("busy"))
             held.push_back(encoder);
     EXPECT_EQ(held.size(), static_cast<std::size_t>(maxInstances)) << "every instance came back";
-}
-
-TEST_F(CodecBase, ListenerCanRemoveItselfFromInsideACall)
-{
-    TestManager manager({desc("l", CodecType::H264, true, 1)});
-    auto encoder = std::static_pointer_cast<TestEncoder>(manager.createVideoEncoderById("l"));
-    struct Listener : VideoEncoderListener {
-        TestEncoder* owner = nullptr;
-        int calls = 0;
-        void onEncodedFrame(const EncodedFrame&) override {}
-        void onEncoderError(const std::string&) override {}
-        void onEncoderEos() override
-        {
-            ++calls;
-            owner->lockAndSetListener(nullptr); // same thread, mutex already held
-        }
-    } listener;
-    listener.owner = encoder.get();
-    encoder->lockAndSetListener(&listener);
-    encoder->notifyEos();
-    encoder->notifyEos();
-    encoder->eos(); // the base's eos calls nobody
-    EXPECT_EQ(listener.calls, 1);
 }
 
 } // namespace
