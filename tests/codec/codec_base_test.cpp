@@ -5,6 +5,7 @@
 #include <atomic>
 #include <regex>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <lumiflux/codec_base.h>
@@ -28,17 +29,6 @@ VideoCodecDesc desc(const std::string& id, CodecType type, bool encoder, int max
 struct TestManager : lumiflux_test::TestCodecManager {
     explicit TestManager(const std::vector<VideoCodecDesc>& list) : TestCodecManager("", list) { init(); }
 };
-
-template <typename Metadata> Metadata stream(int width, int height, CodecType type = CodecType::H264, int stride = 0)
-{
-    Metadata metadata;
-    metadata.codecType = type;
-    metadata.width = width;
-    metadata.height = height;
-    if constexpr (std::is_same_v<Metadata, VideoEncoderMetadata>)
-        metadata.stride = stride;
-    return metadata;
-}
 
 std::size_t lines(const std::string& needle)
 {
@@ -130,39 +120,33 @@ TEST_F(CodecBase, SupportsBoundsTheAreaNotEachSide)
                          desc("neg", CodecType::H264, true, 1, false, {{16, 16}, {1920, -1}}),
                          desc("zero", CodecType::H264, true, 1, false, {{0, 0}, {64, 64}})});
     auto encoder = manager.createVideoEncoderById("e");
-    struct Case {
-        int width, height, stride;
-        CodecType type;
-        bool supported;
-    };
-    for (const Case& c : std::vector<Case>{{2000, 1000, 0, CodecType::H264, true},
-                                           {1921, 1080, 0, CodecType::H264, false},
-                                           {1920, 1080, 0, CodecType::H264, true},
-                                           {1920, 1080, 2048, CodecType::H264, false}, // measured with the stride
-                                           {100, 100, 2048, CodecType::H264, true},
-                                           {15, 100, 0, CodecType::H264, false},
-                                           {100, 15, 0, CodecType::H264, false},
-                                           {640, 480, 0, CodecType::VP8, false}})
-        EXPECT_EQ(encoder->supports(stream<VideoEncoderMetadata>(c.width, c.height, c.type, c.stride)), c.supported)
-            << c.width << "x" << c.height << "/" << c.stride;
     auto decoder = manager.createVideoDecoderById("d");
-    EXPECT_TRUE(decoder->supports(stream<VideoDecoderMetadata>(2000, 1000)));
-    EXPECT_FALSE(decoder->supports(stream<VideoDecoderMetadata>(1921, 1080)));
-    EXPECT_FALSE(decoder->supports(stream<VideoDecoderMetadata>(640, 480, CodecType::VP8)));
-    EXPECT_FALSE(manager.createVideoEncoderById("neg")->supports(stream<VideoEncoderMetadata>(100, 100)));
-    EXPECT_TRUE(manager.createVideoEncoderById("zero")->supports(stream<VideoEncoderMetadata>(8, 8)))
-        << "a zero minimum is no negative bound";
+    // {width, height, stride, type, supported}: a frame is measured with its stride.
+    // clang-format off
+    for (const auto& [width, height, stride, type, supported] : std::vector<std::tuple<int, int, int, CodecType, bool>>{
+             {2000, 1000, 0, CodecType::H264, true}, {1921, 1080, 0, CodecType::H264, false},
+             {1920, 1080, 0, CodecType::H264, true}, {1920, 1080, 2048, CodecType::H264, false},
+             {100, 100, 2048, CodecType::H264, true}, {15, 100, 0, CodecType::H264, false},
+             {100, 15, 0, CodecType::H264, false}, {640, 480, 0, CodecType::VP8, false}}) {
+        // clang-format on
+        EXPECT_EQ(encoder->supports({type, width, height, stride}), supported)
+            << width << "x" << height << "/" << stride;
+        EXPECT_TRUE(stride != 0 || decoder->supports({type, width, height}) == supported) << width << "x" << height;
+    }
+    EXPECT_FALSE(manager.createVideoEncoderById("neg")->supports({CodecType::H264, 100, 100}));
+    EXPECT_TRUE(manager.createVideoEncoderById("zero")->supports({CodecType::H264, 8, 8}))
+        << "zero is no negative bound";
 }
 
 TEST_F(CodecBase, SupportQueriesCreateAnInstanceAndWalkWithTheCallersId)
 {
     TestManager manager({desc("sw", CodecType::H264, true, 1), desc("hw", CodecType::VP8, true, 1, true),
                          desc("dec", CodecType::H264, false, 1)});
-    const auto m = stream<VideoEncoderMetadata>(640, 480);
+    const VideoEncoderMetadata m{CodecType::H264, 640, 480};
     EXPECT_TRUE(manager.videoEncoderSupports("sw", m, false));
     EXPECT_FALSE(manager.videoEncoderSupports("sw", m, true));
     EXPECT_FALSE(manager.videoEncoderSupports("", m, false));
-    EXPECT_TRUE(manager.videoDecoderSupports("dec", stream<VideoDecoderMetadata>(640, 480), false));
+    EXPECT_TRUE(manager.videoDecoderSupports("dec", {CodecType::H264, 640, 480}, false));
     // While "sw" is busy: one try by id, then one per qualifying encoder
     // entry, all with the caller's id, so all fail.
     auto busy = manager.createVideoEncoderById("sw");

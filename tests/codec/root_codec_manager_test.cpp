@@ -42,15 +42,6 @@ std::string ids(CodecManager* codecs)
 const std::vector<std::string> twoModules{"fixture_codecs_a", "fixture_codecs_b", "fixture_codecs_noinit",
                                           "fixture_valid_module"};
 
-template <typename Metadata> Metadata stream(CodecType type, int width, int height)
-{
-    Metadata metadata;
-    metadata.codecType = type;
-    metadata.width = width;
-    metadata.height = height;
-    return metadata;
-}
-
 TEST(RootCodecsEmpty, NoCodecsMeansEveryQueryFails)
 {
     CodecManager* codecs = rootOver("codecs-empty", {"fixture_valid_module", "fixture_codecs_noinit"});
@@ -153,12 +144,11 @@ TEST(RootCodecsTwoModules, QueriesByIdAreRoutedAndUnknownIdsFail)
     ASSERT_NE(geometry, nullptr);
     EXPECT_EQ(geometry->getSizeRange().max.width, 1920);
     EXPECT_EQ(geometry->getAlignment().height, 2);
-    const auto h264 = stream<VideoEncoderMetadata>(CodecType::H264, 1280, 720);
+    const auto h264 = VideoEncoderMetadata{CodecType::H264, 1280, 720};
     EXPECT_TRUE(codecs->videoEncoderSupports("b.h264.hw", h264, true));
-    EXPECT_FALSE(
-        codecs->videoEncoderSupports("b.h264.hw", stream<VideoEncoderMetadata>(CodecType::H264, 4096, 2160), false));
+    EXPECT_FALSE(codecs->videoEncoderSupports("b.h264.hw", VideoEncoderMetadata{CodecType::H264, 4096, 2160}, false));
     EXPECT_FALSE(codecs->videoEncoderSupports("a.h264.sw", h264, true)) << "software, hardware asked for";
-    const auto hevc = stream<VideoDecoderMetadata>(CodecType::H265, 640, 480);
+    const auto hevc = VideoDecoderMetadata{CodecType::H265, 640, 480};
     EXPECT_TRUE(codecs->videoDecoderSupports("b.h265.hwdec", hevc, true));
     for (const std::string id : {"", "nope", "a.h264", "A.H264.SW"}) {
         EXPECT_FALSE(codecs->isCodecIdAvailable(id)) << id;
