@@ -182,8 +182,6 @@ std::vector<VideoCodecInfo> listed(bool encoder, CodecType type)
 template <typename Metadata>
 using CodecOf = std::conditional_t<std::is_same_v<Metadata, VideoEncoderMetadata>, VideoEncoder, VideoDecoder>;
 
-// A started encoder or decoder of `id`, of the codec's own type, reporting
-// to `listener`; null (and a failure) when that does not work.
 template <typename Metadata> std::shared_ptr<CodecOf<Metadata>> create(const std::string& id)
 {
     if constexpr (std::is_same_v<Metadata, VideoEncoderMetadata>)
@@ -192,6 +190,8 @@ template <typename Metadata> std::shared_ptr<CodecOf<Metadata>> create(const std
         return codecs()->createVideoDecoderById(id);
 }
 
+// A started encoder or decoder of `id`, of the codec's own type, reporting
+// to `listener`; null (and a failure) when that does not work.
 template <typename Metadata, typename Listener>
 std::shared_ptr<CodecOf<Metadata>> start(const std::string& id, Listener& listener, Metadata metadata,
                                          const std::map<unsigned, std::string>& parameters = {})
