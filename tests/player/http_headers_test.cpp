@@ -2,7 +2,6 @@
 // HTTP source (properties and "extra-headers"), an adaptive demuxer (neither
 // structure), and an element type of this test with "auth-headers".
 
-#include <cstdlib>
 #include <map>
 #include <string>
 
@@ -161,43 +160,6 @@ TEST_F(HttpHeaderRules, AuthHeadersTakePrecedenceAndElementsWithoutEitherDropHea
     clearSyslog();
     Internal::updateHttpHeaders(demux.get(), {{"Authorization", "x"}});
     EXPECT_TRUE(syslogRecordsContaining("extraHeaders").empty());
-}
-
-TEST_F(HttpHeaderRules, LogLevelFromTheEnvironment)
-{
-    auto src = make("souphttpsrc");
-    ASSERT_TRUE(src);
-    auto level = [&] { return get<gint>(src.get(), "http-log-level"); };
-    g_object_set(src.get(), "http-log-level", 1, nullptr);
-    unsetenv("LUMIFLUX_HTTP_LOG_LEVEL");
-    Internal::setupHttpLogLevel(src.get());
-    EXPECT_EQ(level(), 1);
-
-    clearSyslog();
-    setenv("LUMIFLUX_HTTP_LOG_LEVEL", "3", 1);
-    Internal::setupHttpLogLevel(src.get());
-    EXPECT_EQ(level(), 3);
-    EXPECT_EQ(syslogRecordsContaining("setupHttpLogLevel:").size(), 1u);
-    EXPECT_EQ(syslogRecordsContaining("-- setting http-log-level to 3\n").size(), 1u);
-    for (const char* bad : {"4", "-1"}) {
-        clearSyslog();
-        setenv("LUMIFLUX_HTTP_LOG_LEVEL", bad, 1);
-        Internal::setupHttpLogLevel(src.get());
-        EXPECT_EQ(level(), 3) << bad;
-        const auto lines = syslogRecordsContaining("invalid http-log-level value " + std::string(bad));
-        ASSERT_EQ(lines.size(), 1u) << bad;
-        EXPECT_EQ(lines[0].text[0], '2');
-    }
-    setenv("LUMIFLUX_HTTP_LOG_LEVEL", "verbose", 1);
-    Internal::setupHttpLogLevel(src.get());
-    EXPECT_EQ(level(), 0) << "non-numeric text counts as 0";
-
-    // An element without the property is left alone.
-    auto demux = make("hlsdemux2");
-    clearSyslog();
-    Internal::setupHttpLogLevel(demux.get());
-    EXPECT_TRUE(syslogRecordsContaining("http-log-level").empty());
-    unsetenv("LUMIFLUX_HTTP_LOG_LEVEL");
 }
 
 } // namespace

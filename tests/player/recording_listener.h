@@ -10,7 +10,6 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <lumiflux/player.h>
@@ -29,20 +28,18 @@ struct RecordedError {
 class RecordingListener : public PlayerListener {
 public:
     static constexpr std::chrono::seconds kTimeout{30};
-
     void onMediaInfo(const MediaInfo& info) override { add(mediaInfos, info); }
     void onTracksSelected(const std::vector<int>& ids) override { add(selections, ids); }
-    void onStateChanged(PlayerState from, PlayerState to) override { add(states, std::pair(from, to)); }
+    void onStateChanged(PlayerState, PlayerState to) override { add(states, to); }
     void onDurationChanged(std::chrono::microseconds d) override { add(durations, d); }
-    // Each position with the state it was reported in.
     void onPositionChanged(std::chrono::microseconds p) override
     {
         {
-            // Before the position, so that every position read has its state.
             std::lock_guard<std::mutex> lock(mutex);
-            positionStates.push_back(states.empty() ? PlayerState::Empty : states.back().second);
+            positionStates.push_back(states.empty() ? PlayerState::Empty : states.back()); // reported in
+            positions.push_back(p);
         }
-        add(positions, p);
+        changed.notify_all();
     }
     void onError(PlayerError error, const std::string& message) override { add(errors, RecordedError{error, message}); }
 
@@ -54,18 +51,17 @@ public:
     }
     bool waitForState(PlayerState state, std::chrono::milliseconds timeout = kTimeout)
     {
-        return waitFor([&] { return !states.empty() && states.back().second == state; }, timeout);
+        return waitFor([&] { return !states.empty() && states.back() == state; }, timeout);
     }
     bool waitForError()
     {
         return waitFor([&] { return !errors.empty(); });
     }
-    bool waitForErrorText(const std::string& message)
+    /** Whether `later` was reported after `first` since the last clear(). */
+    bool sawAfter(PlayerState first, PlayerState later)
     {
-        return waitFor([&] {
-            return std::any_of(errors.begin(), errors.end(),
-                               [&](const RecordedError& e) { return e.message == message; });
-        });
+        auto at = std::find(states.begin(), states.end(), first);
+        return at != states.end() && std::find(at, states.end(), later) != states.end();
     }
     /**
      * Every task queued on `player` before this call has run once it returns
@@ -77,26 +73,23 @@ public:
         player.selectTracks({});
         return waitFor([&] { return errors.size() > before && errors.back().message == "Trying to select 0 streams"; });
     }
-    /** Copy of a recorded list, taken under the lock. */
     template <typename T> T snapshot(const T& field)
     {
         std::lock_guard<std::mutex> lock(mutex);
         return field;
     }
-    std::vector<PlayerState> stateSequence()
+    void clear()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        std::vector<PlayerState> sequence;
-        for (const auto& change : states)
-            sequence.push_back(change.second);
-        return sequence;
+        mediaInfos.clear(), selections.clear(), states.clear(), durations.clear();
+        positions.clear(), positionStates.clear(), errors.clear();
     }
 
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<MediaInfo> mediaInfos;
     std::vector<std::vector<int>> selections;
-    std::vector<std::pair<PlayerState, PlayerState>> states;
+    std::vector<PlayerState> states;
     std::vector<std::chrono::microseconds> durations;
     std::vector<std::chrono::microseconds> positions;
     std::vector<PlayerState> positionStates;
@@ -117,42 +110,27 @@ private:
 struct ListenedPlayer {
     ListenedPlayer() { player.setListener(&listener); }
     ~ListenedPlayer() { player.setListener(nullptr); }
-
-    /**
-     * play(uri) then pause(): the player starts once the tracks are known.
-     * Waits for Playing; false if it never came.
-     */
-    bool start(const std::string& uri)
+    /** play(uri) then pause(): the player starts once the tracks are known. Waits for Playing. */
+    bool start(const std::string& uri, const HttpHeaders& headers = {})
     {
-        player.play(uri);
-        player.pause();
-        return listener.waitForState(PlayerState::Playing);
-    }
-    /** Plays `uri` from the start to its end (Playing, then EOS); false if it did not get there. */
-    bool playsToEnd(const std::string& uri, const HttpHeaders& headers = {})
-    {
-        {
-            std::lock_guard<std::mutex> lock(listener.mutex);
-            listener.states.clear();
-        }
+        listener.clear();
         player.play(uri, headers);
         player.pause();
-        return listener.waitFor([&] {
-            auto& s = listener.states;
-            auto playing = std::find_if(s.begin(), s.end(), [](auto& c) { return c.second == PlayerState::Playing; });
-            return std::any_of(playing, s.end(), [](auto& c) { return c.second == PlayerState::EOS; });
-        });
+        return listener.waitFor([&] { return listener.sawAfter(PlayerState::Playing, PlayerState::Playing); });
     }
-
+    /** Plays `uri` from the start to its end (Playing, then EOS). */
+    bool playsToEnd(const std::string& uri, const HttpHeaders& headers = {})
+    {
+        return start(uri, headers) &&
+               listener.waitFor([&] { return listener.sawAfter(PlayerState::Playing, PlayerState::EOS); });
+    }
     RecordingListener listener;
     Player player;
 };
 
-/** The directory the media fixture writes into. */
 inline std::string mediaDir()
 {
-    const char* dir = std::getenv("LUMIFLUX_TEST_MEDIA_DIR");
-    return dir ? dir : buildDir() + "/player-media";
+    return buildDir() + "/player-media";
 }
 /** file:// URI of a medium made by the fixture ("media.mkv", "corrupt.mkv", "truncated.mkv"). */
 inline std::string mediaUri(const std::string& name)

@@ -1,0 +1,421 @@
+// The player against a real HTTP server on 127.0.0.1 (tests/support): the
+// application's headers on the wire, faulty servers, many players and
+// threads, and destruction while busy.
+
+#include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "../player/recording_listener.h"
+#include "http_test_server.h"
+#include "syslog_capture.h"
+
+using namespace std::chrono_literals;
+using namespace lumiflux_test;
+
+namespace {
+
+// Serves the network media fixture: clip0..3.mkv (1 s each) and an HLS stream under /hls/.
+struct MediaServer : HttpTestServer {
+    MediaServer()
+    {
+        const std::string dir = buildDir() + "/network-media";
+        for (const char* clip : {"/clip0.mkv", "/clip1.mkv", "/clip2.mkv", "/clip3.mkv"})
+            serveFile(clip, dir + clip);
+        serveFile("/bad.mkv", dir + "/clip0.mkv");
+        serveDirectory("/hls/", dir + "/hls");
+    }
+};
+
+class Network : public ::testing::Test, protected ListenedPlayer {
+protected:
+    // Every request for `path` carries `name` with exactly `value`.
+    void expectEveryRequestHas(const std::string& path, const std::string& name, const std::string& value)
+    {
+        const auto requests = server.requestsFor(path);
+        ASSERT_FALSE(requests.empty()) << path;
+        for (const auto& request : requests)
+            EXPECT_EQ(request.values(name), std::vector<std::string>{value}) << path << " " << name;
+    }
+    MediaServer server;
+};
+
+using PlayerHttpHeaders = Network;
+
+TEST_F(PlayerHttpHeaders, OnEveryRequestOfAProgressiveDownloadAndAfterSetHttpHeaders)
+{
+    // Without a pause or play the pipeline stays in NULL: the only request,
+    // the discoverer's, carries the headers and tells the duration.
+    player.setUri(server.url("/clip3.mkv"), {{"User-Agent", "LumifluxTest/1.0"}, {"X-Session", "discover"}});
+    ASSERT_TRUE(listener.waitFor([&] { return !listener.durations.empty(); }));
+    expectEveryRequestHas("/clip3.mkv", "User-Agent", "LumifluxTest/1.0");
+    expectEveryRequestHas("/clip3.mkv", "X-Session", "discover");
+    EXPECT_EQ(player.getState(), PlayerState::Empty);
+    EXPECT_GT(listener.snapshot(listener.durations).front(), 900ms);
+
+    // On the discoverer's request and the pipeline's: a later header of the
+    // same name wins, gzip and "Close" are plain headers in place of the
+    // client's own, and "close" turns keep-alive off and "identity"
+    // compression, with neither header sent a second time.
+    const struct {
+        const char* path;
+        HttpHeaders headers;
+        std::vector<std::pair<std::string, std::string>> sent;
+    } cases[] = {{"/clip1.mkv",
+                  {{"User-Agent", "LumifluxTest/2.0"},
+                   {"X-Token", "first"},
+                   {"X-Token", "second"},
+                   {"Accept-Encoding", "gzip"},
+                   {"Connection", "Close"}},
+                  {{"User-Agent", "LumifluxTest/2.0"}, {"X-Token", "second"}, {"Connection", "Close"}}},
+                 {"/clip0.mkv",
+                  {{"Connection", "close"}, {"Accept-Encoding", "identity"}},
+                  {{"Connection", "close"}, {"Accept-Encoding", "identity"}}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        ASSERT_TRUE(playsToEnd(server.url(c.path), c.headers));
+        EXPECT_GE(server.requestsFor(c.path).size(), 2u);
+        for (const auto& [name, value] : c.sent)
+            expectEveryRequestHas(c.path, name, value);
+    }
+    const auto gzip = server.requestsFor("/clip1.mkv")[0].values("Accept-Encoding");
+    EXPECT_NE(std::find(gzip.begin(), gzip.end(), "gzip"), gzip.end());
+
+    // A seek makes the source ask again, with the headers it has now.
+    server.clearRequests();
+    listener.clear();
+    player.setHttpHeaders({{"X-Version", "2"}, {"User-Agent", "LumifluxTest/3.0"}});
+    player.seek(500ms);
+    player.play();
+    ASSERT_TRUE(listener.waitFor([&] { return listener.sawAfter(PlayerState::Playing, PlayerState::EOS); }));
+    ASSERT_TRUE(server.waitForRequests("/clip0.mkv", 1)) << "the seek made no new request";
+    expectEveryRequestHas("/clip0.mkv", "X-Version", "2");
+    expectEveryRequestHas("/clip0.mkv", "User-Agent", "LumifluxTest/3.0");
+    EXPECT_TRUE(listener.snapshot(listener.errors).empty());
+}
+
+TEST_F(PlayerHttpHeaders, HlsPlaylistAndSegmentsCarryTheHeaders)
+{
+    ASSERT_TRUE(playsToEnd(server.url("/hls/playlist.m3u8"), {{"User-Agent", "LumifluxHls/1.0"}, {"X-Hls", "yes"}}));
+    EXPECT_TRUE(listener.snapshot(listener.errors).empty());
+    // The discoverer and the demuxer both read the playlist.
+    EXPECT_GE(server.requestsFor("/hls/playlist.m3u8").size(), 2u);
+    expectEveryRequestHas("/hls/playlist.m3u8", "User-Agent", "LumifluxHls/1.0");
+    expectEveryRequestHas("/hls/playlist.m3u8", "X-Hls", "yes");
+    // The playing demuxer fetches segments with a client of its own that
+    // takes over only the playlist request's User-Agent (it has no header
+    // property of any kind); the discoverer's demuxer fetches through HTTP
+    // source elements, which get every header.
+    for (const char* segment : {"/hls/segment00000.ts", "/hls/segment00001.ts"})
+        expectEveryRequestHas(segment, "User-Agent", "LumifluxHls/1.0");
+    const auto first = server.requestsFor("/hls/segment00000.ts");
+    EXPECT_TRUE(std::any_of(first.begin(), first.end(), [](const HttpRequest& r) {
+        return r.header("X-Hls") == "yes";
+    })) << "the discoverer's segment request lacks the application's header";
+}
+
+// Run once per value of LUMIFLUX_HTTP_LOG_LEVEL, each in its own process (the
+// level is read at each element's set-up); LUMIFLUX_TEST_EXPECT_HTTP_LOG_LEVEL
+// says what the scenario expects.
+TEST_F(Network, HttpLogLevelFromTheEnvironmentIsSetOrRefused)
+{
+    const char* configured = std::getenv("LUMIFLUX_HTTP_LOG_LEVEL");
+    const char* expected = std::getenv("LUMIFLUX_TEST_EXPECT_HTTP_LOG_LEVEL");
+    ASSERT_TRUE(configured && expected);
+    const bool invalid = std::string(expected) == "invalid";
+    ASSERT_TRUE(playsToEnd(server.url("/clip0.mkv")));
+    const std::string set = "setting http-log-level to ", refused = "invalid http-log-level value ";
+    EXPECT_TRUE(syslogRecordsContaining(invalid ? set : refused).empty());
+    // The discoverer's source and the pipeline's each set or refuse it.
+    const auto records = syslogRecordsContaining(invalid ? refused : set);
+    ASSERT_GE(records.size(), 2u);
+    for (const auto& record : records) {
+        EXPECT_NE(record.text.find(invalid ? refused + configured : set + expected), std::string::npos) << record.text;
+        if (invalid)
+            EXPECT_EQ(record.text[0], '2') << record.text;
+    }
+}
+
+// Each fault gives the PlayerError that GStreamer's error maps to (GStreamer
+// 1.22, libsoup 3), never a crash or a hang, and the player then plays a good URI.
+TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
+{
+    // A port on 127.0.0.1 that nothing listens on: bound, never listened to.
+    const int closed = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(closed, reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(closed, reinterpret_cast<sockaddr*>(&address), &length);
+    const struct {
+        const char* what;
+        std::vector<const char*> faulty; // paths given `fault`
+        HttpFault fault;
+        std::string uri;
+        PlayerError expected;
+        const char* message; // part of the error's text
+    } cases[] = {
+        {"404", {"/bad.mkv"}, HttpFault::NotFound, server.url("/bad.mkv"), PlayerError::NotFound, "Not Found"},
+        {"500",
+         {"/bad.mkv"},
+         HttpFault::ServerError,
+         server.url("/bad.mkv"),
+         PlayerError::ReadFailed,
+         "Internal Server Error"},
+        // The source's connection failure reaches the bus after the generic
+        // stream error of its streaming loop.
+        {"connection refused",
+         {},
+         HttpFault::None,
+         "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/clip0.mkv",
+         PlayerError::StreamFailed,
+         "Internal data stream error."},
+        // The source resumes with a range request, which this fault does not honour.
+        {"reset half-way through the body",
+         {"/bad.mkv"},
+         HttpFault::ResetMidBody,
+         server.url("/bad.mkv"),
+         PlayerError::SeekFailed,
+         "Server does not support seeking."},
+        {"redirect loop", {"/bad.mkv"}, HttpFault::Redirect, server.url("/bad.mkv"), PlayerError::ReadFailed, ""},
+        // The demuxer gives up with the code of a missing file.
+        {"playlist whose segments are missing",
+         {"/hls/segment00000.ts", "/hls/segment00001.ts"},
+         HttpFault::NotFound,
+         server.url("/hls/playlist.m3u8"),
+         PlayerError::NotFound,
+         "Couldn't download fragments"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        listener.clear();
+        for (const char* path : c.faulty)
+            server.setFault(path, c.fault, path);
+        player.play(c.uri);
+        player.pause();
+        ASSERT_TRUE(listener.waitForError());
+        const auto error = listener.snapshot(listener.errors).front();
+        EXPECT_EQ(error.error, c.expected) << toString(error.error) << ": " << error.message;
+        EXPECT_FALSE(error.message.empty());
+        EXPECT_NE(error.message.find(c.message), std::string::npos) << error.message;
+        server.clearFaults();
+        EXPECT_TRUE(playsToEnd(server.url("/clip1.mkv"))) << "the player did not recover";
+    }
+    close(closed);
+
+    // A stalled server (the discoverer's request and the pipeline's both
+    // hang) is left by stop() long before any HTTP timeout.
+    server.clearRequests();
+    server.setFault("/bad.mkv", HttpFault::Stall);
+    player.play(server.url("/bad.mkv"));
+    player.pause();
+    ASSERT_TRUE(server.waitForRequests("/bad.mkv", 2));
+    player.stop();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(playsToEnd(server.url("/clip1.mkv")));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_TRUE(listener.snapshot(listener.errors).empty());
+}
+
+using PlayerLoad = Network;
+
+TEST_F(PlayerLoad, SixteenPlayersPlayAtOnce)
+{
+    std::vector<std::unique_ptr<ListenedPlayer>> sessions(16);
+    // Four different clips, and the HLS stream for every fourth player.
+    for (size_t i = 0; i < sessions.size(); ++i) {
+        sessions[i] = std::make_unique<ListenedPlayer>();
+        sessions[i]->player.play(
+            server.url(i % 4 == 3 ? "/hls/playlist.m3u8" : "/clip" + std::to_string(i % 4) + ".mkv"));
+        sessions[i]->player.pause();
+    }
+    for (size_t i = 0; i < sessions.size(); ++i) {
+        auto& listener = sessions[i]->listener;
+        EXPECT_TRUE(listener.waitForState(PlayerState::EOS, 120s)) << "player " << i;
+        const auto errors = listener.snapshot(listener.errors);
+        EXPECT_TRUE(errors.empty()) << "player " << i << ": " << (errors.empty() ? "" : errors[0].message);
+    }
+}
+
+// Players destroyed as soon as their tasks are queued, wherever they have
+// got to (leaks show under LeakSanitizer, races under ThreadSanitizer); every
+// tenth just as the server answers its first request, when the HTTP source
+// must not be cancelled while it reads the answer (that used to crash the
+// process in the HTTP library).
+TEST_F(PlayerLoad, TwoHundredCreatePlayPauseDestroyCycles)
+{
+    for (int cycle = 0; cycle < 200; ++cycle) {
+        const std::string path = "/clip" + std::to_string(cycle % 4) + ".mkv";
+        const size_t before = server.requestsFor(path).size();
+        Player player;
+        player.play(server.url(path));
+        player.pause();
+        if (cycle % 10 == 0)
+            ASSERT_TRUE(server.waitForRequests(path, before + 1)) << "cycle " << cycle;
+    }
+    EXPECT_TRUE(playsToEnd(server.url("/clip0.mkv")));
+}
+
+TEST_F(PlayerLoad, EightApplicationThreadsKeepTheirOrder)
+{
+    player.setUri(server.url("/clip0.mkv"));
+    player.pause();
+    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
+    ASSERT_TRUE(listener.waitFor([&] { return !listener.mediaInfos.empty(); }));
+    // The clip has one stream, so every identifier from 1 fails with
+    // "Unknown track id: " cut by the identifier, which tells it back: thread
+    // t selects {2 + t, 10 + i} for its i-th call, and the failures of one
+    // task arrive together.
+    constexpr int kThreads = 8, kCalls = 8;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([this, t] {
+            for (int i = 0; i < kCalls; ++i) {
+                player.selectTracks({2 + t, 10 + i});
+                player.setMute(i % 2 == 0);
+                player.setPlaybackRate(i % 2 ? 1.0 : 1.5);
+                player.seek(std::chrono::milliseconds(100 * i));
+                player.setHttpHeaders({{"X-Thread", std::to_string(t)}});
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    // In queue order: all of the above has run once this last failure arrives.
+    player.selectTracks({});
+    ASSERT_TRUE(listener.waitFor([&] {
+        return std::count_if(listener.errors.begin(), listener.errors.end(), [](const RecordedError& e) {
+                   return e.error == PlayerError::SelectTracksFailed;
+               }) > kThreads * kCalls * 3;
+    }));
+    std::map<int, std::vector<int>> callsByThread;
+    int thread = -1;
+    for (const auto& error : listener.snapshot(listener.errors)) {
+        // A seek may fail as well on a slow machine.
+        if (error.error != PlayerError::SelectTracksFailed || error.message == "Trying to select 0 streams")
+            continue;
+        const int id = 18 - static_cast<int>(error.message.size());
+        if (thread < 0)
+            thread = id - 2;
+        else
+            callsByThread[std::exchange(thread, -1)].push_back(id - 10);
+    }
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_EQ(callsByThread[t], (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7})) << "thread " << t;
+}
+
+// Blocks in the first state callback for a while, on whichever thread the player calls it.
+class BlockingListener : public RecordingListener {
+public:
+    void onStateChanged(PlayerState from, PlayerState to) override
+    {
+        if (!claimed.exchange(true)) {
+            callbackThread = std::this_thread::get_id();
+            entered = true;
+            std::this_thread::sleep_for(500ms);
+            left = true;
+        }
+        RecordingListener::onStateChanged(from, to);
+    }
+    std::atomic<bool> claimed{false}, entered{false}, left{false};
+    std::thread::id callbackThread;
+};
+
+int threadsAtMost(int limit) // waits (10 s at most) for GStreamer's pooled threads to wind down
+{
+    for (int i = 0;; ++i) {
+        int count = 0;
+        DIR* dir = opendir("/proc/self/task");
+        while (const dirent* entry = readdir(dir))
+            count += entry->d_name[0] != '.';
+        closedir(dir);
+        if (count <= limit || i == 200)
+            return count;
+        std::this_thread::sleep_for(50ms);
+    }
+}
+
+// Destroying a busy player returns promptly, far below the discoverer's 5 s
+// timeout and any HTTP timeout, and leaves no thread of it behind. With a
+// request on a stalled server, the destructor waits once, briefly, for an
+// answer that may be on its way (a request cancelled while its answer is
+// read crashes the HTTP library), then ends it: within a second.
+TEST_F(Network, PlayerDestructionWhileBusyIsPromptAndLeavesNoThread)
+{
+    // What GStreamer creates once per process (and keeps) is there before threads are counted.
+    ASSERT_TRUE(playsToEnd(server.url("/clip0.mkv")));
+    const struct {
+        const char* what;
+        std::chrono::milliseconds limit;
+        std::function<void(Player&, BlockingListener&)> busy;
+    } cases[] = {
+        {"during preroll", 3s,
+         [&](Player& player, BlockingListener&) {
+             player.play(server.url("/clip1.mkv"));
+             player.pause();
+             // The pipeline's own request is under way (the discoverer made the other).
+             ASSERT_TRUE(server.waitForRequests("/clip1.mkv", 2));
+         }},
+        {"during a seek", 3s,
+         [&](Player& player, BlockingListener& listener) {
+             player.play(server.url("/clip2.mkv"));
+             player.pause();
+             ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+             player.seek(500ms);
+             player.seek(200ms);
+         }},
+        {"while the discoverer waits on a stalled server", 1s,
+         [&](Player& player, BlockingListener&) {
+             server.setFault("/clip0.mkv", HttpFault::Stall);
+             player.setUri(server.url("/clip0.mkv")); // the pipeline stays in NULL
+             ASSERT_TRUE(server.waitForRequests("/clip0.mkv", 1));
+         }},
+        {"while the discoverer and the pipeline's source wait on a stalled server", 1s,
+         [&](Player& player, BlockingListener&) {
+             server.setFault("/clip0.mkv", HttpFault::Stall);
+             player.play(server.url("/clip0.mkv"));
+             player.pause();
+             ASSERT_TRUE(server.waitForRequests("/clip0.mkv", 2));
+         }},
+        {"while a listener callback runs on the player's thread", 3s,
+         [&](Player& player, BlockingListener& listener) {
+             listener.claimed = false;
+             player.play(server.url("/clip3.mkv"));
+             player.pause();
+             for (int i = 0; i < 20000 && !listener.entered; ++i)
+                 std::this_thread::sleep_for(1ms);
+             ASSERT_TRUE(listener.entered);
+             EXPECT_NE(listener.callbackThread, std::this_thread::get_id());
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        server.clearRequests();
+        const int baseline = threadsAtMost(1 << 20);
+        BlockingListener listener;
+        listener.claimed = true;
+        auto busy = std::make_unique<Player>();
+        busy->setListener(&listener);
+        c.busy(*busy, listener);
+        const auto start = std::chrono::steady_clock::now();
+        busy.reset();
+        const auto took =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        std::cout << "~Player " << c.what << ": " << took.count() << " ms" << std::endl;
+        EXPECT_LT(took, c.limit);
+        EXPECT_EQ(listener.left, listener.entered) << "the callback was cut short";
+        server.clearFaults();
+        EXPECT_LE(threadsAtMost(baseline), baseline) << "threads left behind";
+    }
+}
+
+} // namespace
