@@ -203,7 +203,7 @@ TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
             server.setFault(path, c.fault, path);
         player.play(c.uri);
         player.pause();
-        ASSERT_TRUE(listener.waitForError());
+        ASSERT_TRUE(listener.waitFor([&] { return !listener.errors.empty(); }));
         const auto error = listener.snapshot(listener.errors).front();
         EXPECT_EQ(error.error, c.expected) << toString(error.error) << ": " << error.message;
         EXPECT_FALSE(error.message.empty());

@@ -296,7 +296,7 @@ TEST_F(PlayerMedia, BrokenMediaGiveTheirErrorAndThePlayerStaysUsable)
         listener.clear();
         player.play(c.uri);
         player.pause();
-        ASSERT_TRUE(listener.waitForError());
+        ASSERT_TRUE(listener.waitFor([&] { return !listener.errors.empty(); }));
         const auto error = listener.snapshot(listener.errors).front();
         EXPECT_EQ(error.error, c.expected) << toString(error.error) << ": " << error.message;
         EXPECT_FALSE(error.message.empty());

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -34,11 +33,9 @@ public:
     void onDurationChanged(std::chrono::microseconds d) override { add(durations, d); }
     void onPositionChanged(std::chrono::microseconds p) override
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            positionStates.push_back(states.empty() ? PlayerState::Empty : states.back()); // reported in
-            positions.push_back(p);
-        }
+        std::lock_guard<std::mutex> lock(mutex);
+        positionStates.push_back(states.empty() ? PlayerState::Empty : states.back()); // the state it came in
+        positions.push_back(p);
         changed.notify_all();
     }
     void onError(PlayerError error, const std::string& message) override { add(errors, RecordedError{error, message}); }
@@ -53,20 +50,13 @@ public:
     {
         return waitFor([&] { return !states.empty() && states.back() == state; }, timeout);
     }
-    bool waitForError()
-    {
-        return waitFor([&] { return !errors.empty(); });
-    }
-    /** Whether `later` was reported after `first` since the last clear(). */
+    /** Whether `later` was reported after `first` (under the lock). */
     bool sawAfter(PlayerState first, PlayerState later)
     {
         auto at = std::find(states.begin(), states.end(), first);
         return at != states.end() && std::find(at, states.end(), later) != states.end();
     }
-    /**
-     * Every task queued on `player` before this call has run once it returns
-     * true: selecting nothing always fails, on the player thread, in queue order.
-     */
+    /** Every task queued before has run once this returns true: selecting nothing fails in queue order. */
     bool drain(Player& player)
     {
         const size_t before = snapshot(errors).size();
@@ -90,18 +80,15 @@ public:
     std::vector<MediaInfo> mediaInfos;
     std::vector<std::vector<int>> selections;
     std::vector<PlayerState> states;
-    std::vector<std::chrono::microseconds> durations;
-    std::vector<std::chrono::microseconds> positions;
+    std::vector<std::chrono::microseconds> durations, positions;
     std::vector<PlayerState> positionStates;
     std::vector<RecordedError> errors;
 
 private:
     template <typename T, typename V> void add(std::vector<T>& list, V&& value)
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            list.push_back(std::forward<V>(value));
-        }
+        std::lock_guard<std::mutex> lock(mutex);
+        list.push_back(std::forward<V>(value));
         changed.notify_all();
     }
 };
@@ -110,7 +97,7 @@ private:
 struct ListenedPlayer {
     ListenedPlayer() { player.setListener(&listener); }
     ~ListenedPlayer() { player.setListener(nullptr); }
-    /** play(uri) then pause(): the player starts once the tracks are known. Waits for Playing. */
+    /** play(uri) then pause() (it starts once the tracks are known); waits for Playing. */
     bool start(const std::string& uri, const HttpHeaders& headers = {})
     {
         listener.clear();
@@ -118,7 +105,6 @@ struct ListenedPlayer {
         player.pause();
         return listener.waitFor([&] { return listener.sawAfter(PlayerState::Playing, PlayerState::Playing); });
     }
-    /** Plays `uri` from the start to its end (Playing, then EOS). */
     bool playsToEnd(const std::string& uri, const HttpHeaders& headers = {})
     {
         return start(uri, headers) &&
@@ -128,11 +114,11 @@ struct ListenedPlayer {
     Player player;
 };
 
+/** Where the fixture writes "media.mkv", "corrupt.mkv" and "truncated.mkv". */
 inline std::string mediaDir()
 {
     return buildDir() + "/player-media";
 }
-/** file:// URI of a medium made by the fixture ("media.mkv", "corrupt.mkv", "truncated.mkv"). */
 inline std::string mediaUri(const std::string& name)
 {
     return "file://" + mediaDir() + "/" + name;
