@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -24,20 +23,17 @@ using namespace lumiflux_test;
 
 namespace {
 
-// Serves the network media fixture: clip0..3.mkv (1 s each) and an HLS stream under /hls/.
-struct MediaServer : HttpTestServer {
-    MediaServer()
+class Network : public ::testing::Test, protected ListenedPlayer {
+protected:
+    // The network media fixture: clip0..3.mkv (1 s each), and an HLS stream.
+    Network()
     {
         const std::string dir = buildDir() + "/network-media";
         for (const char* clip : {"/clip0.mkv", "/clip1.mkv", "/clip2.mkv", "/clip3.mkv"})
-            serveFile(clip, dir + clip);
-        serveFile("/bad.mkv", dir + "/clip0.mkv");
-        serveDirectory("/hls/", dir + "/hls");
+            server.serveFile(clip, dir + clip);
+        server.serveFile("/bad.mkv", dir + "/clip0.mkv");
+        server.serveDirectory("/hls/", dir + "/hls");
     }
-};
-
-class Network : public ::testing::Test, protected ListenedPlayer {
-protected:
     // Every request for `path` carries `name` with exactly `value`.
     void expectEveryRequestHas(const std::string& path, const std::string& name, const std::string& value)
     {
@@ -46,7 +42,7 @@ protected:
         for (const auto& request : requests)
             EXPECT_EQ(request.values(name), std::vector<std::string>{value}) << path << " " << name;
     }
-    MediaServer server;
+    HttpTestServer server;
 };
 
 using PlayerHttpHeaders = Network;
@@ -157,51 +153,31 @@ TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
     socklen_t length = sizeof address;
     bind(closed, reinterpret_cast<sockaddr*>(&address), length);
     getsockname(closed, reinterpret_cast<sockaddr*>(&address), &length);
+    const std::string refused = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
     const struct {
-        const char* what;
-        std::vector<const char*> faulty; // paths given `fault`
+        const char *what, *faulty; // requests for paths from `faulty` get `fault`
         HttpFault fault;
         std::string uri;
         PlayerError expected;
         const char* message; // part of the error's text
     } cases[] = {
-        {"404", {"/bad.mkv"}, HttpFault::NotFound, server.url("/bad.mkv"), PlayerError::NotFound, "Not Found"},
-        {"500",
-         {"/bad.mkv"},
-         HttpFault::ServerError,
-         server.url("/bad.mkv"),
-         PlayerError::ReadFailed,
-         "Internal Server Error"},
-        // The source's connection failure reaches the bus after the generic
-        // stream error of its streaming loop.
-        {"connection refused",
-         {},
-         HttpFault::None,
-         "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/clip0.mkv",
-         PlayerError::StreamFailed,
-         "Internal data stream error."},
+        {"404", "/bad.mkv", HttpFault::NotFound, "/bad.mkv", PlayerError::NotFound, "Not Found"},
+        {"500", "/bad.mkv", HttpFault::ServerError, "/bad.mkv", PlayerError::ReadFailed, "Internal Server Error"},
+        // The source's failure reaches the bus after its streaming loop's generic error.
+        {"refused", "", HttpFault::None, refused, PlayerError::StreamFailed, "Internal data stream error."},
         // The source resumes with a range request, which this fault does not honour.
-        {"reset half-way through the body",
-         {"/bad.mkv"},
-         HttpFault::ResetMidBody,
-         server.url("/bad.mkv"),
-         PlayerError::SeekFailed,
+        {"reset mid-body", "/bad.mkv", HttpFault::ResetMidBody, "/bad.mkv", PlayerError::SeekFailed,
          "Server does not support seeking."},
-        {"redirect loop", {"/bad.mkv"}, HttpFault::Redirect, server.url("/bad.mkv"), PlayerError::ReadFailed, ""},
+        {"redirect loop", "/bad.mkv", HttpFault::Redirect, "/bad.mkv", PlayerError::ReadFailed, ""},
         // The demuxer gives up with the code of a missing file.
-        {"playlist whose segments are missing",
-         {"/hls/segment00000.ts", "/hls/segment00001.ts"},
-         HttpFault::NotFound,
-         server.url("/hls/playlist.m3u8"),
-         PlayerError::NotFound,
+        {"segments missing", "/hls/segment", HttpFault::NotFound, "/hls/playlist.m3u8", PlayerError::NotFound,
          "Couldn't download fragments"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         listener.clear();
-        for (const char* path : c.faulty)
-            server.setFault(path, c.fault, path);
-        player.play(c.uri);
+        server.setFault(c.faulty, c.fault, c.faulty);
+        player.play(c.uri[0] == '/' ? server.url(c.uri) : c.uri + "/clip0.mkv");
         player.pause();
         ASSERT_TRUE(listener.waitFor([&] { return !listener.errors.empty(); }));
         const auto error = listener.snapshot(listener.errors).front();
@@ -356,56 +332,37 @@ TEST_F(Network, PlayerDestructionWhileBusyIsPromptAndLeavesNoThread)
     const struct {
         const char* what;
         std::chrono::milliseconds limit;
-        std::function<void(Player&, BlockingListener&)> busy;
-    } cases[] = {
-        {"during preroll", 3s,
-         [&](Player& player, BlockingListener&) {
-             player.play(server.url("/clip1.mkv"));
-             player.pause();
-             // The pipeline's own request is under way (the discoverer made the other).
-             ASSERT_TRUE(server.waitForRequests("/clip1.mkv", 2));
-         }},
-        {"during a seek", 3s,
-         [&](Player& player, BlockingListener& listener) {
-             player.play(server.url("/clip2.mkv"));
-             player.pause();
-             ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
-             player.seek(500ms);
-             player.seek(200ms);
-         }},
-        {"while the discoverer waits on a stalled server", 1s,
-         [&](Player& player, BlockingListener&) {
-             server.setFault("/clip0.mkv", HttpFault::Stall);
-             player.setUri(server.url("/clip0.mkv")); // the pipeline stays in NULL
-             ASSERT_TRUE(server.waitForRequests("/clip0.mkv", 1));
-         }},
-        {"while the discoverer and the pipeline's source wait on a stalled server", 1s,
-         [&](Player& player, BlockingListener&) {
-             server.setFault("/clip0.mkv", HttpFault::Stall);
-             player.play(server.url("/clip0.mkv"));
-             player.pause();
-             ASSERT_TRUE(server.waitForRequests("/clip0.mkv", 2));
-         }},
-        {"while a listener callback runs on the player's thread", 3s,
-         [&](Player& player, BlockingListener& listener) {
-             listener.claimed = false;
-             player.play(server.url("/clip3.mkv"));
-             player.pause();
-             for (int i = 0; i < 20000 && !listener.entered; ++i)
-                 std::this_thread::sleep_for(1ms);
-             ASSERT_TRUE(listener.entered);
-             EXPECT_NE(listener.callbackThread, std::this_thread::get_id());
-         }},
-    };
+        const char* path;
+        bool stall, pipeline; // without the pipeline only the discoverer asks
+        size_t requests;      // waited for: the discoverer's, then the pipeline's
+        bool seek, block;
+    } cases[] = {{"during preroll", 3s, "/clip1.mkv", false, true, 2, false, false},
+                 {"during a seek", 3s, "/clip2.mkv", false, true, 0, true, false},
+                 {"while the discoverer waits on a stalled server", 1s, "/clip0.mkv", true, false, 1, false, false},
+                 {"while both sources wait on a stalled server", 1s, "/clip0.mkv", true, true, 2, false, false},
+                 {"while a listener callback runs", 3s, "/clip3.mkv", false, true, 0, false, true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         server.clearRequests();
         const int baseline = threadsAtMost(1 << 20);
         BlockingListener listener;
-        listener.claimed = true;
+        listener.claimed = !c.block;
         auto busy = std::make_unique<Player>();
         busy->setListener(&listener);
-        c.busy(*busy, listener);
+        if (c.stall)
+            server.setFault(c.path, HttpFault::Stall);
+        if (c.pipeline)
+            busy->play(server.url(c.path)), busy->pause();
+        else
+            busy->setUri(server.url(c.path));
+        ASSERT_TRUE(server.waitForRequests(c.path, c.requests));
+        if (c.seek) {
+            ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+            busy->seek(500ms), busy->seek(200ms);
+        }
+        for (int i = 0; c.block && i < 20000 && !listener.entered; ++i)
+            std::this_thread::sleep_for(1ms);
+        EXPECT_EQ(listener.entered, c.block);
         const auto start = std::chrono::steady_clock::now();
         busy.reset();
         const auto took =
@@ -413,6 +370,7 @@ TEST_F(Network, PlayerDestructionWhileBusyIsPromptAndLeavesNoThread)
         std::cout << "~Player " << c.what << ": " << took.count() << " ms" << std::endl;
         EXPECT_LT(took, c.limit);
         EXPECT_EQ(listener.left, listener.entered) << "the callback was cut short";
+        EXPECT_NE(listener.callbackThread, std::this_thread::get_id());
         server.clearFaults();
         EXPECT_LE(threadsAtMost(baseline), baseline) << "threads left behind";
     }

@@ -18,72 +18,10 @@
 
 using namespace std::chrono_literals;
 using namespace lumiflux_test;
-using std::chrono::microseconds;
 
 namespace {
 
 constexpr auto kCaseLimit = 40s;
-
-enum Hook { OnError, OnPosition, OnState, OnMediaInfo, OnFrame };
-const char* const kHookNames[] = {"onError", "onPositionChanged", "onStateChanged", "onMediaInfo",
-                                  "VideoSink::onFrame"};
-
-// Runs `action` once, from inside the first callback of the armed kind.
-class HookedListener : public RecordingListener, public VideoSink {
-public:
-    void arm(Hook kind, std::function<void()> what)
-    {
-        std::lock_guard<std::mutex> lock(hookMutex);
-        hook = kind;
-        action = std::move(what);
-    }
-    bool waitForAction()
-    {
-        return waitFor([&] { return acted; });
-    }
-    void rearm(Hook kind, std::function<void()> what)
-    {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            acted = false;
-        }
-        arm(kind, std::move(what));
-    }
-
-    void onError(PlayerError e, const std::string& m) override { RecordingListener::onError(e, m), fire(OnError); }
-    void onPositionChanged(microseconds p) override { RecordingListener::onPositionChanged(p), fire(OnPosition); }
-    void onStateChanged(PlayerState f, PlayerState t) override
-    {
-        RecordingListener::onStateChanged(f, t), fire(OnState);
-    }
-    void onMediaInfo(const MediaInfo& i) override { RecordingListener::onMediaInfo(i), fire(OnMediaInfo); }
-    void onFrame(const VideoFrame&, bool) override { ++frames, fire(OnFrame); }
-
-    std::atomic<int> frames{0};
-    bool acted = false;
-
-private:
-    void fire(Hook kind)
-    {
-        std::function<void()> what;
-        {
-            std::lock_guard<std::mutex> lock(hookMutex);
-            if (kind != hook || !action)
-                return;
-            what = std::move(action);
-            action = nullptr;
-        }
-        what();
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            acted = true;
-        }
-        changed.notify_all();
-    }
-    std::mutex hookMutex;
-    Hook hook = OnError;
-    std::function<void()> action;
-};
 
 TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
 {
@@ -121,7 +59,7 @@ TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
             const size_t positions = listener.snapshot(listener.positions).size();
             player.play();
             ASSERT_TRUE(listener.waitFor([&] { return listener.positions.size() > positions + 1; }));
-            listener.rearm(hook, [&player, &call = call] { call(player); });
+            listener.arm(hook, [&player, &call = call] { call(player); });
             if (hook == OnError)
                 player.selectTracks({}); // fails, on the player thread
             else if (hook == OnState)
@@ -135,7 +73,7 @@ TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
     // report goes to the new listener, the old one hears nothing more.
     Watchdog watchdog("setListener from onError", kCaseLimit);
     RecordingListener next;
-    listener.rearm(OnError, [&] { player.setListener(&next); });
+    listener.arm(OnError, [&] { player.setListener(&next); });
     player.selectTracks({});
     ASSERT_TRUE(listener.waitForAction());
     const size_t heard = listener.snapshot(listener.errors).size();

@@ -112,55 +112,31 @@ TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
     EXPECT_EQ(player.getMediaInfo().uri(), "clips/clip.mkv");
 }
 
-// Holds the player thread inside the Init task of a second setUri (which
-// reports the change to Empty from that thread) while the test queues
-// tasks, so that "before the thread runs" is a fact, not a race.
-class GateListener : public RecordingListener {
-public:
-    void onStateChanged(PlayerState from, PlayerState to) override
-    {
-        RecordingListener::onStateChanged(from, to);
-        std::unique_lock<std::mutex> lock(gateMutex);
-        if (to == PlayerState::Empty && armed) {
-            armed = false;
-            blocked = true;
-            gate.notify_all();
-            // Bounded: a failed assertion (which skips release()) fails, not hangs.
-            gate.wait_for(lock, 2 * kTimeout, [&] { return !blocked; });
-        }
-    }
-    bool hold(Player& player)
-    {
-        player.setUri(mediaUri("media.mkv"));
-        player.pause();
-        if (!waitForState(PlayerState::Paused))
-            return false;
-        std::unique_lock<std::mutex> lock(gateMutex);
-        armed = true;
-        player.setUri(mediaUri("media.mkv"));
-        return gate.wait_for(lock, kTimeout, [&] { return blocked; });
-    }
-    void release()
-    {
-        std::lock_guard<std::mutex> lock(gateMutex);
-        blocked = false;
-        gate.notify_all();
-    }
-
-private:
-    std::mutex gateMutex;
-    std::condition_variable gate;
-    bool armed = false, blocked = false;
-};
-
 TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
 {
-    GateListener listener;
+    HookedListener listener;
     auto player = std::make_unique<Player>();
     player->setListener(&listener);
-    // Runs before the player's destructor joins its thread, however the test ends.
-    std::shared_ptr<void> releaseOnExit(nullptr, [&](void*) { listener.release(); });
-    ASSERT_TRUE(listener.hold(*player));
+    // Holds the player thread inside the Init task of a second setUri (it
+    // reports the change to Empty from that thread) while the test queues
+    // tasks, so that "before the thread runs" is a fact, not a race.
+    std::atomic<bool> released{false};
+    const auto hold = [&] {
+        released = false;
+        player->setUri(mediaUri("media.mkv"));
+        player->pause();
+        if (!listener.waitForState(PlayerState::Paused))
+            return false;
+        listener.arm(OnState, [&] {
+            for (int i = 0; i < 6000 && !released; ++i)
+                std::this_thread::sleep_for(10ms);
+        });
+        player->setUri(mediaUri("media.mkv"));
+        return listener.waitForState(PlayerState::Empty);
+    };
+    // Released before the player's destructor joins its thread, however the test ends.
+    std::shared_ptr<void> releaseOnExit(nullptr, [&](void*) { released = true; });
+    ASSERT_TRUE(hold());
     clearSyslog();
     player->setMute(true);
     player->setMute(false);
@@ -169,7 +145,7 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
     player->setPlaybackRate(1.0); // the current rate: nothing to do
     player->setPlaybackRate(0.5);
     player->setPlaybackRate(2.0);
-    listener.release();
+    released = true;
     ASSERT_TRUE(listener.drain(*player));
     const auto count = [](const std::string& text) { return syslogRecordsContaining(text).size(); };
     EXPECT_EQ(count("addTask:"), 7u) << "every request is logged, dropped or not";
@@ -185,7 +161,7 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
     EXPECT_EQ(lines.front().text.rfind("0[lumiflux-player] addTask:", 0), 0u) << lines.front().text;
 
     // Held again, then destroyed with tasks queued: none of them runs.
-    ASSERT_TRUE(listener.hold(*player));
+    ASSERT_TRUE(hold());
     const size_t errors = listener.snapshot(listener.errors).size();
     clearSyslog();
     player->play();
@@ -195,7 +171,7 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
     // Ordering only: the destructor posts its quit request before the thread
     // is let go, and that request outranks queued tasks.
     std::this_thread::sleep_for(300ms);
-    listener.release();
+    released = true;
     destroyed.get();
     EXPECT_EQ(count("BEFORE task: "), 0u);
     EXPECT_EQ(listener.snapshot(listener.errors).size(), errors);

@@ -4,6 +4,7 @@
 // generous timeout) until a condition on the record holds.
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -123,5 +124,52 @@ inline std::string mediaUri(const std::string& name)
 {
     return "file://" + mediaDir() + "/" + name;
 }
+
+enum Hook { OnError, OnPosition, OnState, OnMediaInfo, OnFrame };
+const char* const kHookNames[] = {"onError", "onPositionChanged", "onStateChanged", "onMediaInfo",
+                                  "VideoSink::onFrame"};
+
+// Runs `action` once, from inside the first callback of the armed kind.
+class HookedListener : public RecordingListener, public VideoSink {
+public:
+    void arm(Hook kind, std::function<void()> what)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        hook = kind, action = std::move(what), acted = false;
+    }
+    bool waitForAction()
+    {
+        return waitFor([&] { return acted; });
+    }
+    void onError(PlayerError e, const std::string& m) override { RecordingListener::onError(e, m), fire(OnError); }
+    void onPositionChanged(std::chrono::microseconds p) override
+    {
+        RecordingListener::onPositionChanged(p), fire(OnPosition);
+    }
+    void onStateChanged(PlayerState f, PlayerState t) override
+    {
+        RecordingListener::onStateChanged(f, t), fire(OnState);
+    }
+    void onMediaInfo(const MediaInfo& i) override { RecordingListener::onMediaInfo(i), fire(OnMediaInfo); }
+    void onFrame(const VideoFrame&, bool) override { ++frames, fire(OnFrame); }
+    std::atomic<int> frames{0};
+
+private:
+    void fire(Hook kind)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (kind != hook || !action)
+            return;
+        auto what = std::exchange(action, nullptr);
+        lock.unlock();
+        what();
+        lock.lock();
+        acted = true;
+        changed.notify_all();
+    }
+    Hook hook = OnError;
+    std::function<void()> action;
+    bool acted = false;
+};
 
 } // namespace lumiflux_test

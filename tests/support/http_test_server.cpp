@@ -69,7 +69,7 @@ struct HttpTestServer::Private {
             received.push_back(request);
             changed.notify_all();
             for (const auto& [prefix, f] : faults)
-                if (prefix == path || (prefix.back() == '/' && path.compare(0, prefix.size(), prefix) == 0))
+                if (!prefix.empty() && path.compare(0, prefix.size(), prefix) == 0)
                     fault = f;
             auto it = resources.find(path); // never changed while requests come
             resource = it == resources.end() ? nullptr : &it->second;
@@ -110,8 +110,8 @@ struct HttpTestServer::Private {
     {
         GIOStream* stream = soup_server_message_steal_connection(msg);
         std::ostringstream text;
-        text << "HTTP/1.1 200 OK\r\nContent-Type: " << resource.second << "\r\nContent-Length: "
-             << resource.first.size() << "\r\nConnection: close\r\n\r\n"
+        text << "HTTP/1.1 200 OK\r\nContent-Type: " << resource.second
+             << "\r\nContent-Length: " << resource.first.size() << "\r\nConnection: close\r\n\r\n"
              << resource.first.substr(0, resource.first.size() / 2);
         GOutputStream* out = g_io_stream_get_output_stream(stream);
         g_output_stream_write_all(out, text.str().data(), text.str().size(), nullptr, nullptr, nullptr);
@@ -173,8 +173,8 @@ void HttpTestServer::serveFile(const std::string& path, const std::string& file)
     std::ostringstream bytes;
     bytes << in.rdbuf();
     const std::string ext = fs::path(file).extension();
-    const char* type = ext == ".m3u8" ? "application/vnd.apple.mpegurl"
-                       : ext == ".ts" ? "video/mp2t"
+    const char* type = ext == ".m3u8"  ? "application/vnd.apple.mpegurl"
+                       : ext == ".ts"  ? "video/mp2t"
                        : ext == ".mkv" ? "video/x-matroska"
                                        : "application/octet-stream";
     std::lock_guard<std::mutex> lock(d->mutex);
@@ -188,10 +188,10 @@ void HttpTestServer::serveDirectory(const std::string& prefix, const std::string
             serveFile(prefix + fs::relative(entry.path(), directory).string(), entry.path().string());
 }
 
-void HttpTestServer::setFault(const std::string& path, HttpFault fault, const std::string& target)
+void HttpTestServer::setFault(const std::string& prefix, HttpFault fault, const std::string& target)
 {
     std::lock_guard<std::mutex> lock(d->mutex);
-    d->faults[path] = {fault, target};
+    d->faults[prefix] = {fault, target};
 }
 
 void HttpTestServer::clearFaults()

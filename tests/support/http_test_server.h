@@ -32,8 +32,8 @@ public:
     void serveFile(const std::string& path, const std::string& file);
     /** Serves every regular file under `directory` at `prefix` + its relative path. */
     void serveDirectory(const std::string& prefix, const std::string& directory);
-    /** Requests for `path`, or under it when it ends in '/', misbehave; Redirect goes to `target`. */
-    void setFault(const std::string& path, HttpFault fault, const std::string& target = "");
+    /** Requests for paths that start with `prefix` misbehave; Redirect goes to `target`. */
+    void setFault(const std::string& prefix, HttpFault fault, const std::string& target = "");
     void clearFaults();
     std::vector<HttpRequest> requestsFor(const std::string& path) const;
     void clearRequests();
