@@ -1,6 +1,5 @@
-// The player against a real HTTP server on 127.0.0.1 (tests/support): the
-// application's headers on the wire, faulty servers, many players and
-// threads, and destruction while busy.
+// The player against a real HTTP server on 127.0.0.1: headers on the wire,
+// faulty servers, many players and threads, destruction while busy.
 
 #include <dirent.h>
 #include <netinet/in.h>
@@ -49,8 +48,7 @@ using PlayerHttpHeaders = Network;
 
 TEST_F(PlayerHttpHeaders, OnEveryRequestOfAProgressiveDownloadAndAfterSetHttpHeaders)
 {
-    // Without a pause or play the pipeline stays in NULL: the only request,
-    // the discoverer's, carries the headers and tells the duration.
+    // With the pipeline in NULL the only request is the discoverer's: it tells the duration.
     player.setUri(server.url("/clip3.mkv"), {{"User-Agent", "LumifluxTest/1.0"}, {"X-Session", "discover"}});
     ASSERT_TRUE(listener.waitFor([&] { return !listener.durations.empty(); }));
     expectEveryRequestHas("/clip3.mkv", "User-Agent", "LumifluxTest/1.0");
@@ -58,10 +56,8 @@ TEST_F(PlayerHttpHeaders, OnEveryRequestOfAProgressiveDownloadAndAfterSetHttpHea
     EXPECT_EQ(player.getState(), PlayerState::Empty);
     EXPECT_GT(listener.snapshot(listener.durations).front(), 900ms);
 
-    // On the discoverer's request and the pipeline's: a later header of the
-    // same name wins, gzip and "Close" are plain headers in place of the
-    // client's own, and "close" turns keep-alive off and "identity"
-    // compression, with neither header sent a second time.
+    // A later header of the same name wins; gzip and "Close" replace the
+    // client's own; "close" and "identity" turn keep-alive and compression off.
     const struct {
         const char* path;
         HttpHeaders headers;
@@ -107,10 +103,8 @@ TEST_F(PlayerHttpHeaders, HlsPlaylistAndSegmentsCarryTheHeaders)
     EXPECT_GE(server.requestsFor("/hls/playlist.m3u8").size(), 2u);
     expectEveryRequestHas("/hls/playlist.m3u8", "User-Agent", "LumifluxHls/1.0");
     expectEveryRequestHas("/hls/playlist.m3u8", "X-Hls", "yes");
-    // The playing demuxer fetches segments with a client of its own that
-    // takes over only the playlist request's User-Agent (it has no header
-    // property of any kind); the discoverer's demuxer fetches through HTTP
-    // source elements, which get every header.
+    // The playing demuxer's own client takes over only the User-Agent; the
+    // discoverer's demuxer fetches through HTTP sources, which get every header.
     for (const char* segment : {"/hls/segment00000.ts", "/hls/segment00001.ts"})
         expectEveryRequestHas(segment, "User-Agent", "LumifluxHls/1.0");
     const auto first = server.requestsFor("/hls/segment00000.ts");
@@ -119,9 +113,7 @@ TEST_F(PlayerHttpHeaders, HlsPlaylistAndSegmentsCarryTheHeaders)
     })) << "the discoverer's segment request lacks the application's header";
 }
 
-// Run once per value of LUMIFLUX_HTTP_LOG_LEVEL, each in its own process (the
-// level is read at each element's set-up); LUMIFLUX_TEST_EXPECT_HTTP_LOG_LEVEL
-// says what the scenario expects.
+// One process per value of LUMIFLUX_HTTP_LOG_LEVEL; LUMIFLUX_TEST_EXPECT_HTTP_LOG_LEVEL says what to expect.
 TEST_F(Network, HttpLogLevelFromTheEnvironmentIsSetOrRefused)
 {
     const char* configured = std::getenv("LUMIFLUX_HTTP_LOG_LEVEL");
@@ -141,8 +133,7 @@ TEST_F(Network, HttpLogLevelFromTheEnvironmentIsSetOrRefused)
     }
 }
 
-// Each fault gives the PlayerError that GStreamer's error maps to (GStreamer
-// 1.22, libsoup 3), never a crash or a hang, and the player then plays a good URI.
+// Each fault gives the error GStreamer 1.22 and libsoup 3 give, never a crash or a hang.
 TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
 {
     // A port on 127.0.0.1 that nothing listens on: bound, never listened to.
@@ -189,8 +180,7 @@ TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
     }
     close(closed);
 
-    // A stalled server (the discoverer's request and the pipeline's both
-    // hang) is left by stop() long before any HTTP timeout.
+    // stop() leaves a stalled server (both requests hang) long before any HTTP timeout.
     server.clearRequests();
     server.setFault("/bad.mkv", HttpFault::Stall);
     player.play(server.url("/bad.mkv"));
@@ -223,11 +213,8 @@ TEST_F(PlayerLoad, SixteenPlayersPlayAtOnce)
     }
 }
 
-// Players destroyed as soon as their tasks are queued, wherever they have
-// got to (leaks show under LeakSanitizer, races under ThreadSanitizer); every
-// tenth just as the server answers its first request, when the HTTP source
-// must not be cancelled while it reads the answer (that used to crash the
-// process in the HTTP library).
+// Destroyed wherever they have got to; every tenth as the server answers,
+// while the HTTP source reads the answer (that used to crash the HTTP library).
 TEST_F(PlayerLoad, TwoHundredCreatePlayPauseDestroyCycles)
 {
     for (int cycle = 0; cycle < 200; ++cycle) {
@@ -248,10 +235,8 @@ TEST_F(PlayerLoad, EightApplicationThreadsKeepTheirOrder)
     player.pause();
     ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
     ASSERT_TRUE(listener.waitFor([&] { return !listener.mediaInfos.empty(); }));
-    // The clip has one stream, so every identifier from 1 fails with
-    // "Unknown track id: " cut by the identifier, which tells it back: thread
-    // t selects {2 + t, 10 + i} for its i-th call, and the failures of one
-    // task arrive together.
+    // One stream: "Unknown track id: " cut by the identifier tells it back.
+    // Thread t selects {2 + t, 10 + i} in its i-th call.
     constexpr int kThreads = 8, kCalls = 8;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
@@ -320,11 +305,9 @@ int threadsAtMost(int limit) // waits (10 s at most) for GStreamer's pooled thre
     }
 }
 
-// Destroying a busy player returns promptly, far below the discoverer's 5 s
-// timeout and any HTTP timeout, and leaves no thread of it behind. With a
-// request on a stalled server, the destructor waits once, briefly, for an
-// answer that may be on its way (a request cancelled while its answer is
-// read crashes the HTTP library), then ends it: within a second.
+// Far below the discoverer's and any HTTP timeout, and with no thread left.
+// On a stalled server the destructor waits once, briefly, for an answer on
+// its way (cancelling a request while its answer is read crashes the HTTP library).
 TEST_F(Network, PlayerDestructionWhileBusyIsPromptAndLeavesNoThread)
 {
     // What GStreamer creates once per process (and keeps) is there before threads are counted.

@@ -72,8 +72,7 @@ TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
     for (auto d : durations)
         EXPECT_NEAR(seconds(d), 3.0, 0.15);
 
-    // Played again after the end, then paused: no position is polled while
-    // paused, and the getters say what the callbacks last said.
+    // Paused after the end: no positions, and the getters say what the callbacks said.
     player.seek(0us);
     player.play();
     ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
@@ -117,9 +116,8 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
     HookedListener listener;
     auto player = std::make_unique<Player>();
     player->setListener(&listener);
-    // Holds the player thread inside the Init task of a second setUri (it
-    // reports the change to Empty from that thread) while the test queues
-    // tasks, so that "before the thread runs" is a fact, not a race.
+    // Holds the player thread inside the Init task of a second setUri (which
+    // reports Empty), so that "before the thread runs" is a fact, not a race.
     std::atomic<bool> released{false};
     const auto hold = [&] {
         released = false;
@@ -168,8 +166,7 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
     player->seek(1s);
     player->setUri(mediaUri("missing.mkv"));
     auto destroyed = std::async(std::launch::async, [&] { player.reset(); });
-    // Ordering only: the destructor posts its quit request before the thread
-    // is let go, and that request outranks queued tasks.
+    // Ordering only: the destructor's quit request, which outranks tasks, comes first.
     std::this_thread::sleep_for(300ms);
     released = true;
     destroyed.get();
@@ -198,8 +195,7 @@ TEST_F(PlayerMedia, TrackListAndSelection)
     clearSyslog();
     player.setUri(uri, {{"X-Test", "1"}});
     player.pause();
-    // A stream's tags may come after the first track list (the subtitle's
-    // language comes with its first data): a later report completes it.
+    // The subtitle's language comes with its data: a later track list completes it.
     ASSERT_TRUE(listener.waitFor([&] {
         if (listener.mediaInfos.empty())
             return false;
@@ -239,9 +235,7 @@ TEST_F(PlayerMedia, TrackListAndSelection)
     EXPECT_EQ(select({0, 2, 1}), (std::vector<int>{0, 2}));
     EXPECT_EQ(select({1, 0, 2}), (std::vector<int>{0, 1}));
     EXPECT_TRUE(listener.snapshot(listener.errors).empty());
-    // Failures, with their texts exactly: an unknown identifier gives
-    // "Unknown track id: " cut short by the identifier, then the empty
-    // selection's text.
+    // Exact texts: "Unknown track id: " cut short by the identifier, then the empty selection's.
     player.selectTracks({});
     player.selectTracks({7});
     player.selectTracks({5, 25});
@@ -302,9 +296,8 @@ public:
     std::vector<VideoFrame> frames, prerolls;
 };
 
-// An fd:// source plays without discovery; its frames reach the sink zero
-// copy and stay valid for as long as the application holds them, even
-// after the player is gone (which the AddressSanitizer build checks).
+// fd:// plays without discovery; frames stay valid while held, even after
+// the player is gone (which the AddressSanitizer build checks).
 TEST(PlayerFrames, FdUriPlaysWithoutDiscoveryAndFramesOutliveThePlayer)
 {
     const int fd = ::open((mediaDir() + "/media.mkv").c_str(), O_RDONLY | O_CLOEXEC);

@@ -1,6 +1,5 @@
-// The installed lumiflux tool, run as a user would from a fresh staged
-// installation (stage_install.sh): no LUMIFLUX_PLUGIN_DIR, so the tool has
-// to find its own plug-ins and sample beside itself.
+// The staged lumiflux tool as a user runs it: no LUMIFLUX_PLUGIN_DIR, so it
+// finds its own plug-ins and sample beside itself.
 
 #include <fstream>
 #include <iterator>
@@ -20,8 +19,7 @@ namespace {
 using nlohmann::json;
 using Records = std::vector<json>;
 
-// Messages to standard error and audio to no sound server, the same on any
-// machine; a run that hangs is killed, so that it fails its test.
+// The same on any machine; a run that hangs is killed, so that it fails.
 const std::string kEnvironment = "env LUMIFLUX_NO_SYSLOG=1 PULSE_SERVER=unix:/nonexistent/lumiflux-test ";
 const std::string kTool = "timeout -s KILL 90 " + kEnvironment + LUMIFLUX_STAGED_TOOL " ";
 const std::string kSample = LUMIFLUX_STAGED_SAMPLE;
@@ -111,9 +109,7 @@ TEST(Tour, JsonCarriesEachStepsFacts)
     EXPECT_EQ(events(records, "done").back()["reason"], "eos");
 }
 
-// The track list as a reader sees it: a stream's language may reach the
-// player in a later collection than the stream itself, and the tool prints
-// the list again each time.
+// Every track list printed: a stream's language may come in a later one.
 std::set<std::string> languages(const Records& records)
 {
     std::set<std::string> found;
@@ -129,9 +125,7 @@ TEST(Play, SampleToTheEndWithItsTracksAtTwiceTheRate)
     int status = -1;
     const std::string out = tool("play " + kSample + " --rate 2", &status);
     EXPECT_EQ(status, 0) << out;
-    // The subtitle's language does not always reach the player before the
-    // end of this short sample (an open problem of the player's track
-    // list); the audio languages always do.
+    // The subtitle's language may come too late for this short sample (an open problem).
     for (const char* part : {"tracks of file://", "language en", "language de", "state Paused -> Playing"})
         EXPECT_TRUE(has(out, part)) << part << "\n" << out;
     EXPECT_FALSE(has(out, "\r")) << "not a terminal: no progress line";
@@ -227,9 +221,8 @@ json ffprobe(const std::string& arguments)
     return json::parse(out, nullptr, false);
 }
 
-// Two streams from two encoders, with ffprobe as the oracle: x264 (High
-// profile, the frame rate in its VUI) and openh264 (Constrained Baseline, no
-// timing information), both 330x250, which needs cropping from 336x256.
+// ffprobe as the oracle: x264 (High, frame rate in the VUI) and openh264
+// (Constrained Baseline, no timing), both 330x250, cropped from 336x256.
 TEST(Probe, MatchesFfprobeOnGeneratedStreams)
 {
     const std::string dir = lumiflux_test::freshDirectory("probe");
