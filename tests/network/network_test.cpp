@@ -128,8 +128,7 @@ TEST_F(Network, HttpLogLevelFromTheEnvironmentIsSetOrRefused)
     ASSERT_GE(records.size(), 2u);
     for (const auto& record : records) {
         EXPECT_NE(record.text.find(invalid ? refused + configured : set + expected), std::string::npos) << record.text;
-        if (invalid)
-            EXPECT_EQ(record.text[0], '2') << record.text;
+        EXPECT_TRUE(!invalid || record.text[0] == '2') << record.text;
     }
 }
 
@@ -206,9 +205,9 @@ TEST_F(PlayerLoad, SixteenPlayersPlayAtOnce)
         sessions[i]->player.pause();
     }
     for (size_t i = 0; i < sessions.size(); ++i) {
-        auto& listener = sessions[i]->listener;
-        EXPECT_TRUE(listener.waitForState(PlayerState::EOS, 120s)) << "player " << i;
-        const auto errors = listener.snapshot(listener.errors);
+        auto& heard = sessions[i]->listener;
+        EXPECT_TRUE(heard.waitForState(PlayerState::EOS, 120s)) << "player " << i;
+        const auto errors = heard.snapshot(heard.errors);
         EXPECT_TRUE(errors.empty()) << "player " << i << ": " << (errors.empty() ? "" : errors[0].message);
     }
 }
@@ -220,11 +219,10 @@ TEST_F(PlayerLoad, TwoHundredCreatePlayPauseDestroyCycles)
     for (int cycle = 0; cycle < 200; ++cycle) {
         const std::string path = "/clip" + std::to_string(cycle % 4) + ".mkv";
         const size_t before = server.requestsFor(path).size();
-        Player player;
-        player.play(server.url(path));
-        player.pause();
-        if (cycle % 10 == 0)
-            ASSERT_TRUE(server.waitForRequests(path, before + 1)) << "cycle " << cycle;
+        Player brief;
+        brief.play(server.url(path));
+        brief.pause();
+        EXPECT_TRUE(cycle % 10 || server.waitForRequests(path, before + 1)) << "cycle " << cycle;
     }
     EXPECT_TRUE(playsToEnd(server.url("/clip0.mkv")));
 }
@@ -328,10 +326,10 @@ TEST_F(Network, PlayerDestructionWhileBusyIsPromptAndLeavesNoThread)
         SCOPED_TRACE(c.what);
         server.clearRequests();
         const int baseline = threadsAtMost(1 << 20);
-        BlockingListener listener;
-        listener.claimed = !c.block;
+        BlockingListener blocking;
+        blocking.claimed = !c.block;
         auto busy = std::make_unique<Player>();
-        busy->setListener(&listener);
+        busy->setListener(&blocking);
         if (c.stall)
             server.setFault(c.path, HttpFault::Stall);
         if (c.pipeline)
@@ -340,20 +338,20 @@ TEST_F(Network, PlayerDestructionWhileBusyIsPromptAndLeavesNoThread)
             busy->setUri(server.url(c.path));
         ASSERT_TRUE(server.waitForRequests(c.path, c.requests));
         if (c.seek) {
-            ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+            ASSERT_TRUE(blocking.waitForState(PlayerState::Playing));
             busy->seek(500ms), busy->seek(200ms);
         }
-        for (int i = 0; c.block && i < 20000 && !listener.entered; ++i)
+        for (int i = 0; c.block && i < 20000 && !blocking.entered; ++i)
             std::this_thread::sleep_for(1ms);
-        EXPECT_EQ(listener.entered, c.block);
+        EXPECT_EQ(blocking.entered, c.block);
         const auto start = std::chrono::steady_clock::now();
         busy.reset();
         const auto took =
             std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
         std::cout << "~Player " << c.what << ": " << took.count() << " ms" << std::endl;
         EXPECT_LT(took, c.limit);
-        EXPECT_EQ(listener.left, listener.entered) << "the callback was cut short";
-        EXPECT_NE(listener.callbackThread, std::this_thread::get_id());
+        EXPECT_EQ(blocking.left, blocking.entered) << "the callback was cut short";
+        EXPECT_NE(blocking.callbackThread, std::this_thread::get_id());
         server.clearFaults();
         EXPECT_LE(threadsAtMost(baseline), baseline) << "threads left behind";
     }

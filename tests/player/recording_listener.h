@@ -132,10 +132,11 @@ const char* const kHookNames[] = {"onError", "onPositionChanged", "onStateChange
 // Runs `action` once, from inside the first callback of the armed kind.
 class HookedListener : public RecordingListener, public VideoSink {
 public:
-    void arm(Hook kind, std::function<void()> what)
+    /** `when`, if given, is asked under the lock in each callback of the kind. */
+    void arm(Hook kind, std::function<void()> what, std::function<bool()> when = {})
     {
         std::lock_guard<std::mutex> lock(mutex);
-        hook = kind, action = std::move(what), acted = false;
+        hook = kind, action = std::move(what), condition = std::move(when), acted = false;
     }
     bool waitForAction()
     {
@@ -158,7 +159,7 @@ private:
     void fire(Hook kind)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        if (kind != hook || !action)
+        if (kind != hook || !action || (condition && !condition()))
             return;
         auto what = std::exchange(action, nullptr);
         lock.unlock();
@@ -169,6 +170,7 @@ private:
     }
     Hook hook = OnError;
     std::function<void()> action;
+    std::function<bool()> condition;
     bool acted = false;
 };
 
