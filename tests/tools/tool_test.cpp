@@ -25,20 +25,18 @@ const std::string kTool = "timeout -s KILL 90 " + kEnvironment + LUMIFLUX_STAGED
 const std::string kSample = LUMIFLUX_STAGED_SAMPLE;
 
 // The tool's output with standard error merged in; `status` gets its exit status.
-std::string tool(const std::string& arguments, int* status = nullptr)
+std::string tool(const std::string& arguments, int& status)
 {
     std::string out;
-    const int code = lumiflux_test::runCommand(kTool + arguments + " 2>&1", &out);
-    if (status)
-        *status = code;
+    status = lumiflux_test::runCommand(kTool + arguments + " 2>&1", &out);
     return out;
 }
 
 // The records of a --json run; standard error apart, so that every line must parse as one object.
-Records toolJson(const std::string& arguments, int* status)
+Records toolJson(const std::string& arguments, int& status)
 {
     std::string out;
-    *status = lumiflux_test::runCommand(kTool + "--json " + arguments + " 2>/dev/null", &out);
+    status = lumiflux_test::runCommand(kTool + "--json " + arguments + " 2>/dev/null", &out);
     Records records;
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
@@ -57,6 +55,13 @@ Records events(const Records& records, const std::string& name)
     return found;
 }
 
+// The last record of an event; null when there is none.
+json last(const Records& records, const std::string& name)
+{
+    const auto found = events(records, name);
+    return found.empty() ? json() : found.back();
+}
+
 bool has(const std::string& text, const std::string& part)
 {
     return text.find(part) != std::string::npos;
@@ -67,7 +72,7 @@ const char* const kSteps[] = {"plug-ins", "codecs", "cameras", "capture", "encod
 TEST(Tour, DefaultCommandRunsEveryStepToSuccess)
 {
     int status = -1;
-    const std::string out = tool("", &status); // what a new user types first
+    const std::string out = tool("", status); // what a new user types first
     EXPECT_EQ(status, 0) << out;
     for (int i = 0; i < 8; ++i) {
         EXPECT_TRUE(has(out, "[" + std::to_string(i + 1) + "/8] " + kSteps[i] + ":")) << kSteps[i] << "\n" << out;
@@ -85,28 +90,22 @@ TEST(Tour, DefaultCommandRunsEveryStepToSuccess)
 TEST(Tour, JsonCarriesEachStepsFacts)
 {
     int status = -1;
-    const auto records = toolJson("tour", &status);
+    const auto records = toolJson("tour", status);
     EXPECT_EQ(status, 0);
     const auto steps = events(records, "step");
     ASSERT_EQ(steps.size(), 8u);
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-        EXPECT_EQ(steps[i]["step"], kSteps[i]);
-        EXPECT_EQ(steps[i]["ok"], true) << steps[i].dump();
-    }
-    const auto summary = events(records, "summary");
-    ASSERT_EQ(summary.size(), 1u);
-    EXPECT_EQ(summary[0]["succeeded"], 8);
-    EXPECT_EQ(summary[0]["ok"], true);
-    // The same facts as the human output, from the commands the tour ran.
-    for (const char* name : {"module", "codec", "camera", "mediaInfo", "done"})
+    for (std::size_t i = 0; i < steps.size(); ++i)
+        EXPECT_TRUE(steps[i]["step"] == kSteps[i] && steps[i]["ok"] == true) << steps[i].dump();
+    EXPECT_EQ(last(records, "summary")["succeeded"], 8);
+    // The facts of the commands the tour ran, as in the human output.
+    for (const char* name : {"module", "codec", "camera"})
         EXPECT_FALSE(events(records, name).empty()) << name;
-    const auto stream = events(records, "stream");
-    ASSERT_EQ(stream.size(), 1u);
-    EXPECT_EQ(stream[0]["displayWidth"], 640);
-    EXPECT_EQ(stream[0]["displayHeight"], 480);
-    EXPECT_EQ(stream[0]["accessUnits"], 60);
-    EXPECT_EQ(events(records, "mediaInfo").back()["tracks"].size(), 4u);
-    EXPECT_EQ(events(records, "done").back()["reason"], "eos");
+    const json stream = last(records, "stream");
+    EXPECT_EQ(stream["displayWidth"], 640);
+    EXPECT_EQ(stream["displayHeight"], 480);
+    EXPECT_EQ(stream["accessUnits"], 60);
+    EXPECT_EQ(last(records, "mediaInfo")["tracks"].size(), 4u);
+    EXPECT_EQ(last(records, "done")["reason"], "eos");
 }
 
 // Every track list printed: a stream's language may come in a later one.
@@ -123,7 +122,7 @@ std::set<std::string> languages(const Records& records)
 TEST(Play, SampleToTheEndWithItsTracksAtTwiceTheRate)
 {
     int status = -1;
-    const std::string out = tool("play " + kSample + " --rate 2", &status);
+    const std::string out = tool("play " + kSample + " --rate 2", status);
     EXPECT_EQ(status, 0) << out;
     // The subtitle's language may come too late for this short sample (an open problem).
     for (const char* part : {"tracks of file://", "language en", "language de", "state Paused -> Playing"})
@@ -144,7 +143,7 @@ TEST(Play, SampleToTheEndWithItsTracksAtTwiceTheRate)
 TEST(Play, JsonTracksFramesLimitTrackChoiceAndSeek)
 {
     int status = -1;
-    auto records = toolJson("play " + kSample + " --mute --frames 10", &status);
+    auto records = toolJson("play " + kSample + " --mute --frames 10", status);
     EXPECT_EQ(status, 0);
     auto done = events(records, "done");
     ASSERT_EQ(done.size(), 1u);
@@ -169,7 +168,7 @@ TEST(Play, JsonTracksFramesLimitTrackChoiceAndSeek)
     ASSERT_GE(video, 0);
     records = toolJson("play " + kSample + " --mute --track " + std::to_string(video) + " --track " +
                            std::to_string(german) + " --seek 2",
-                       &status);
+                       status);
     EXPECT_EQ(status, 0);
     bool germanPlayed = false, playing = false;
     for (const json& selected : events(records, "tracksSelected"))
@@ -246,7 +245,7 @@ TEST(Probe, MatchesFfprobeOnGeneratedStreams)
         for (const json& frame : frames)
             refKeys += frame["key_frame"].get<int>();
         int status = -1;
-        const auto found = events(toolJson("probe " + stream, &status), "stream");
+        const auto found = events(toolJson("probe " + stream, status), "stream");
         EXPECT_EQ(status, 0);
         ASSERT_EQ(found.size(), 1u);
         const json& ours = found[0];
@@ -266,7 +265,7 @@ TEST(Probe, MatchesFfprobeOnGeneratedStreams)
         else
             EXPECT_EQ(ours["frameRateDenominator"], 0);
         // The human form says the same.
-        const std::string out = tool("probe " + stream, &status);
+        const std::string out = tool("probe " + stream, status);
         EXPECT_EQ(status, 0);
         for (const std::string& part :
              {std::string("display 330x250"), "profile " + ref["profile"].get<std::string>() + " (",
@@ -283,7 +282,7 @@ TEST(Json, EveryCommandWritesOnlyJsonObjects)
           "encode pattern -c h264 --frames 5 -o " + dir + "/p.h264", "decode " + dir + "/p.h264 -o " + dir + "/p.yuv",
           "probe " + dir + "/p.h264", "encode pattern -c vp8 --frames 5 -o " + dir + "/p.ivf"}) {
         int status = -1;
-        const auto records = toolJson(arguments, &status);
+        const auto records = toolJson(arguments, status);
         std::string said;
         for (const json& record : records)
             said += record.dump() + "\n";
@@ -311,7 +310,7 @@ TEST(Failures, NamedWithTheirErrorAndAsAJsonRecord)
                  {"probe " + kSample, 1, "ParseError"}};
     for (const auto& c : cases) {
         int status = -1;
-        const std::string out = tool(c.arguments, &status);
+        const std::string out = tool(c.arguments, status);
         EXPECT_TRUE(c.status < 0 ? status != 0 : status == c.status) << c.arguments << ": " << status;
         EXPECT_TRUE(has(out, c.text)) << c.arguments << "\n" << out;
     }
@@ -319,7 +318,7 @@ TEST(Failures, NamedWithTheirErrorAndAsAJsonRecord)
     for (auto [arguments, name] : {std::pair{"play /nonexistent/lumiflux/missing.mkv", "NotFound"},
                                    {"decode /nonexistent.h264 -o /dev/null", "InputNotFound"}}) {
         int status = 0;
-        const auto errors = events(toolJson(arguments, &status), "error");
+        const auto errors = events(toolJson(arguments, status), "error");
         EXPECT_NE(status, 0);
         ASSERT_FALSE(errors.empty()) << arguments;
         EXPECT_TRUE(errors.size() == 1u || std::string(name) == "NotFound") << arguments;
