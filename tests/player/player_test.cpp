@@ -307,15 +307,15 @@ TEST(PlayerFrames, FdUriPlaysWithoutDiscoveryAndFramesOutliveThePlayer)
     std::shared_ptr<YCbCrFrame> view;
     {
         ListenedPlayer session;
-        EXPECT_TRUE(session.player.setVideoSink(&sink));
+        Player& player = session.player;
+        EXPECT_TRUE(player.setVideoSink(&sink));
         clearSyslog();
         ASSERT_TRUE(session.playsToEnd("fd://" + std::to_string(fd)));
-        EXPECT_EQ(session.listener.snapshot(session.listener.mediaInfos).back().tracks().size(), 4u);
-        ASSERT_FALSE(session.listener.snapshot(session.listener.durations).empty());
-        EXPECT_NEAR(seconds(session.listener.snapshot(session.listener.durations).back()), 3.0, 0.15);
+        EXPECT_EQ(player.getMediaInfo().tracks().size(), 4u);
+        EXPECT_NEAR(seconds(player.getDuration()), 3.0, 0.15);
         EXPECT_TRUE(syslogRecordsContaining("Starting async src discovery:").empty());
         EXPECT_FALSE(syslogRecordsContaining("uri: fd://").empty()) << "debug lines are captured in this scenario";
-        session.player.reset();
+        player.reset();
         std::lock_guard<std::mutex> lock(sink.mutex);
         ASSERT_FALSE(sink.prerolls.empty());
         kept = sink.frames;
