@@ -4,13 +4,12 @@
 // generous timeout) until a condition on the record holds.
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <lumiflux/player.h>
@@ -29,20 +28,16 @@ struct RecordedError {
 class RecordingListener : public PlayerListener {
 public:
     static constexpr std::chrono::seconds kTimeout{30};
-
     void onMediaInfo(const MediaInfo& info) override { add(mediaInfos, info); }
     void onTracksSelected(const std::vector<int>& ids) override { add(selections, ids); }
-    void onStateChanged(PlayerState from, PlayerState to) override { add(states, std::pair(from, to)); }
+    void onStateChanged(PlayerState, PlayerState to) override { add(states, to); }
     void onDurationChanged(std::chrono::microseconds d) override { add(durations, d); }
-    // Each position with the state it was reported in.
     void onPositionChanged(std::chrono::microseconds p) override
     {
-        {
-            // Before the position, so that every position read has its state.
-            std::lock_guard<std::mutex> lock(mutex);
-            positionStates.push_back(states.empty() ? PlayerState::Empty : states.back().second);
-        }
-        add(positions, p);
+        std::lock_guard<std::mutex> lock(mutex);
+        positionStates.push_back(states.empty() ? PlayerState::Empty : states.back()); // the state it came in
+        positions.push_back(p);
+        changed.notify_all();
     }
     void onError(PlayerError error, const std::string& message) override { add(errors, RecordedError{error, message}); }
 
@@ -54,61 +49,47 @@ public:
     }
     bool waitForState(PlayerState state, std::chrono::milliseconds timeout = kTimeout)
     {
-        return waitFor([&] { return !states.empty() && states.back().second == state; }, timeout);
+        return waitFor([&] { return !states.empty() && states.back() == state; }, timeout);
     }
-    bool waitForError()
+    /** Whether `later` was reported after `first` (under the lock). */
+    bool sawAfter(PlayerState first, PlayerState later)
     {
-        return waitFor([&] { return !errors.empty(); });
+        auto at = std::find(states.begin(), states.end(), first);
+        return at != states.end() && std::find(at, states.end(), later) != states.end();
     }
-    bool waitForErrorText(const std::string& message)
-    {
-        return waitFor([&] {
-            return std::any_of(errors.begin(), errors.end(),
-                               [&](const RecordedError& e) { return e.message == message; });
-        });
-    }
-    /**
-     * Every task queued on `player` before this call has run once it returns
-     * true: selecting nothing always fails, on the player thread, in queue order.
-     */
+    /** Every task queued before has run once this returns true: selecting nothing fails in queue order. */
     bool drain(Player& player)
     {
         const size_t before = snapshot(errors).size();
         player.selectTracks({});
         return waitFor([&] { return errors.size() > before && errors.back().message == "Trying to select 0 streams"; });
     }
-    /** Copy of a recorded list, taken under the lock. */
     template <typename T> T snapshot(const T& field)
     {
         std::lock_guard<std::mutex> lock(mutex);
         return field;
     }
-    std::vector<PlayerState> stateSequence()
+    void clear()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        std::vector<PlayerState> sequence;
-        for (const auto& change : states)
-            sequence.push_back(change.second);
-        return sequence;
+        mediaInfos.clear(), selections.clear(), states.clear(), durations.clear();
+        positions.clear(), positionStates.clear(), errors.clear();
     }
 
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<MediaInfo> mediaInfos;
     std::vector<std::vector<int>> selections;
-    std::vector<std::pair<PlayerState, PlayerState>> states;
-    std::vector<std::chrono::microseconds> durations;
-    std::vector<std::chrono::microseconds> positions;
+    std::vector<PlayerState> states;
+    std::vector<std::chrono::microseconds> durations, positions;
     std::vector<PlayerState> positionStates;
     std::vector<RecordedError> errors;
 
 private:
     template <typename T, typename V> void add(std::vector<T>& list, V&& value)
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            list.push_back(std::forward<V>(value));
-        }
+        std::lock_guard<std::mutex> lock(mutex);
+        list.push_back(std::forward<V>(value));
         changed.notify_all();
     }
 };
@@ -117,47 +98,80 @@ private:
 struct ListenedPlayer {
     ListenedPlayer() { player.setListener(&listener); }
     ~ListenedPlayer() { player.setListener(nullptr); }
-
-    /**
-     * play(uri) then pause(): the player starts once the tracks are known.
-     * Waits for Playing; false if it never came.
-     */
-    bool start(const std::string& uri)
+    /** play(uri) then pause() (it starts once the tracks are known); waits for Playing. */
+    bool start(const std::string& uri, const HttpHeaders& headers = {})
     {
-        player.play(uri);
-        player.pause();
-        return listener.waitForState(PlayerState::Playing);
-    }
-    /** Plays `uri` from the start to its end (Playing, then EOS); false if it did not get there. */
-    bool playsToEnd(const std::string& uri, const HttpHeaders& headers = {})
-    {
-        {
-            std::lock_guard<std::mutex> lock(listener.mutex);
-            listener.states.clear();
-        }
+        listener.clear();
         player.play(uri, headers);
         player.pause();
-        return listener.waitFor([&] {
-            auto& s = listener.states;
-            auto playing = std::find_if(s.begin(), s.end(), [](auto& c) { return c.second == PlayerState::Playing; });
-            return std::any_of(playing, s.end(), [](auto& c) { return c.second == PlayerState::EOS; });
-        });
+        return listener.waitFor([&] { return listener.sawAfter(PlayerState::Playing, PlayerState::Playing); });
     }
-
+    bool playsToEnd(const std::string& uri, const HttpHeaders& headers = {})
+    {
+        return start(uri, headers) &&
+               listener.waitFor([&] { return listener.sawAfter(PlayerState::Playing, PlayerState::EOS); });
+    }
     RecordingListener listener;
     Player player;
 };
 
-/** The directory the media fixture writes into. */
+/** Where the fixture writes "media.mkv", "corrupt.mkv" and "truncated.mkv". */
 inline std::string mediaDir()
 {
-    const char* dir = std::getenv("LUMIFLUX_TEST_MEDIA_DIR");
-    return dir ? dir : buildDir() + "/player-media";
+    return buildDir() + "/player-media";
 }
-/** file:// URI of a medium made by the fixture ("media.mkv", "corrupt.mkv", "truncated.mkv"). */
 inline std::string mediaUri(const std::string& name)
 {
     return "file://" + mediaDir() + "/" + name;
 }
+
+enum Hook { OnError, OnPosition, OnState, OnMediaInfo, OnFrame };
+const char* const kHookNames[] = {"onError", "onPositionChanged", "onStateChanged", "onMediaInfo",
+                                  "VideoSink::onFrame"};
+
+// Runs `action` once, from inside the first callback of the armed kind.
+class HookedListener : public RecordingListener, public VideoSink {
+public:
+    /** `when`, if given, is asked under the lock in each callback of the kind. */
+    void arm(Hook kind, std::function<void()> what, std::function<bool()> when = {})
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        hook = kind, action = std::move(what), condition = std::move(when), acted = false;
+    }
+    bool waitForAction()
+    {
+        return waitFor([&] { return acted; });
+    }
+    void onError(PlayerError e, const std::string& m) override { RecordingListener::onError(e, m), fire(OnError); }
+    void onPositionChanged(std::chrono::microseconds p) override
+    {
+        RecordingListener::onPositionChanged(p), fire(OnPosition);
+    }
+    void onStateChanged(PlayerState f, PlayerState t) override
+    {
+        RecordingListener::onStateChanged(f, t), fire(OnState);
+    }
+    void onMediaInfo(const MediaInfo& i) override { RecordingListener::onMediaInfo(i), fire(OnMediaInfo); }
+    void onFrame(const VideoFrame&, bool) override { ++frames, fire(OnFrame); }
+    std::atomic<int> frames{0};
+
+private:
+    void fire(Hook kind)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (kind != hook || !action || (condition && !condition()))
+            return;
+        auto what = std::exchange(action, nullptr);
+        lock.unlock();
+        what();
+        lock.lock();
+        acted = true;
+        changed.notify_all();
+    }
+    Hook hook = OnError;
+    std::function<void()> action;
+    std::function<bool()> condition;
+    bool acted = false;
+};
 
 } // namespace lumiflux_test

@@ -1,0 +1,200 @@
+// Internal pieces on real GStreamer elements and types: HTTP headers on
+// elements, tags as typed values, GStreamer errors in the player's terms.
+
+#include <map>
+#include <string>
+
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+#include <lumiflux/gst_ref.h>
+#include <lumiflux/log.h>
+
+#include "player/error_mapping.h"
+#include "player/http_headers.h"
+#include "player/tag_list.h"
+#include "syslog_capture.h"
+
+using namespace Tevara::Lumiflux;
+using namespace lumiflux_test;
+using Internal::Ref;
+
+namespace {
+
+// An element with the "auth-headers" structure property of our HTTP
+// elements, and nothing else. The value lives in the object's data.
+struct AuthElement {
+    GstElement parent;
+};
+struct AuthElementClass {
+    GstElementClass parent;
+};
+G_DEFINE_TYPE(AuthElement, auth_element, GST_TYPE_ELEMENT)
+void auth_element_init(AuthElement*) {}
+void auth_element_class_init(AuthElementClass* klass)
+{
+    GObjectClass* object = G_OBJECT_CLASS(klass);
+    object->set_property = [](GObject* self, guint, const GValue* value, GParamSpec*) {
+        const GstStructure* s = gst_value_get_structure(value);
+        g_object_set_data_full(self, "auth-headers", s ? gst_structure_copy(s) : nullptr,
+                               reinterpret_cast<GDestroyNotify>(gst_structure_free));
+    };
+    object->get_property = [](GObject* self, guint, GValue* value, GParamSpec*) {
+        gst_value_set_structure(value, static_cast<GstStructure*>(g_object_get_data(self, "auth-headers")));
+    };
+    g_object_class_install_property(object, 1,
+                                    g_param_spec_boxed("auth-headers", "auth", "auth", GST_TYPE_STRUCTURE,
+                                                       static_cast<GParamFlags>(G_PARAM_READWRITE)));
+}
+
+class PlayerInternals : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        LogInit();
+        gst_init(nullptr, nullptr);
+    }
+};
+
+Ref<GstElement> make(const char* factory)
+{
+    GstElement* element = gst_element_factory_make(factory, nullptr);
+    EXPECT_NE(element, nullptr) << factory << " is missing (scripts/install-deps provides it)";
+    return Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(element)));
+}
+
+using Fields = std::map<std::string, std::string>;
+// The fields of a structure property, which must carry the property's name.
+Fields fields(GstElement* element, const char* property)
+{
+    Ref<GstStructure> s;
+    g_object_get(element, property, s.out(), nullptr);
+    Fields result;
+    for (int i = 0; s && i < gst_structure_n_fields(s.get()); ++i) {
+        const char* name = gst_structure_nth_field_name(s.get(), i);
+        result[name] = gst_structure_get_string(s.get(), name) ?: "<not a string>";
+    }
+    EXPECT_TRUE(s && gst_structure_has_name(s.get(), property)) << property;
+    return result;
+}
+
+std::string userAgent(GstElement* element)
+{
+    g_autofree gchar* value = nullptr;
+    g_object_get(element, "user-agent", &value, nullptr);
+    return value ? value : "";
+}
+
+TEST_F(PlayerInternals, HttpHeadersBecomePropertiesExtraOrAuthHeadersOrAreRefused)
+{
+    auto src = make("souphttpsrc");
+    ASSERT_TRUE(src);
+    g_object_set(src.get(), "compress", TRUE, "keep-alive", TRUE, nullptr);
+    clearSyslog();
+    Internal::updateHttpHeaders(src.get(), {{"User-Agent", "LumifluxTest/1.0"},
+                                            {"Connection", "close"},
+                                            {"Accept-Encoding", "identity"},
+                                            {"Authorization", "Bearer abc"},
+                                            {"X-Trace", "1"},
+                                            {"X-Trace", "2"},
+                                            {"X-Evil", "a\r\nInjected: yes"},
+                                            {"X-Bad\n", "v"},
+                                            {"User-Agent", std::string("ua\0x", 4)}});
+    gboolean keepAlive = TRUE, compress = TRUE;
+    g_object_get(src.get(), "keep-alive", &keepAlive, "compress", &compress, nullptr);
+    EXPECT_FALSE(keepAlive || compress);
+    EXPECT_EQ(userAgent(src.get()), "LumifluxTest/1.0");
+    // Special headers turned into properties stay out; a later header of the same name wins.
+    EXPECT_EQ(fields(src.get(), "extra-headers"), (Fields{{"Authorization", "Bearer abc"}, {"X-Trace", "2"}}));
+    EXPECT_EQ(syslogRecordsContaining("-- extraHeaders: extra-headers, ").size(), 1u);
+    const auto refused = syslogRecordsContaining("Refusing HTTP header");
+    ASSERT_EQ(refused.size(), 3u);
+    EXPECT_EQ(refused[0].text.rfind("2[lumiflux-player] updateHttpHeaders:", 0), 0u) << refused[0].text;
+    // A second update adds to what is there; an empty one changes nothing.
+    Internal::updateHttpHeaders(src.get(), {{"Cookie", "a=b"}});
+    Internal::updateHttpHeaders(src.get(), {});
+    EXPECT_EQ(fields(src.get(), "extra-headers"),
+              (Fields{{"Authorization", "Bearer abc"}, {"X-Trace", "2"}, {"Cookie", "a=b"}}));
+
+    // "auth-headers" comes first; without a "user-agent" property the header goes in there.
+    auto auth =
+        Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(g_object_new(auth_element_get_type(), nullptr))));
+    Internal::updateHttpHeaders(auth.get(), {{"User-Agent", "ua"}, {"Authorization", "x"}});
+    EXPECT_EQ(fields(auth.get(), "auth-headers"), (Fields{{"User-Agent", "ua"}, {"Authorization", "x"}}));
+    // An element with neither structure drops them.
+    auto demux = make("hlsdemux2");
+    clearSyslog();
+    Internal::updateHttpHeaders(demux.get(), {{"Authorization", "x"}});
+    EXPECT_TRUE(syslogRecordsContaining("extraHeaders").empty());
+}
+
+TEST_F(PlayerInternals, TagListBecomesTypedTagsWithDebugLines)
+{
+    for (auto [name, type] : {std::pair{"lumiflux-test-bool", G_TYPE_BOOLEAN},
+                              {"lumiflux-test-int", G_TYPE_INT},
+                              {"lumiflux-test-int64", G_TYPE_INT64},
+                              {"lumiflux-test-uint64", G_TYPE_UINT64},
+                              {"lumiflux-test-float", G_TYPE_FLOAT}})
+        gst_tag_register(name, GST_TAG_FLAG_META, type, name, name, nullptr);
+    GstTagList* list = gst_tag_list_new_empty();
+    GstDateTime* date = gst_date_time_new(0, 2024, 1, 2, 3, 4, 5);
+    gst_tag_list_add(list, GST_TAG_MERGE_APPEND, GST_TAG_LANGUAGE_CODE, "de", GST_TAG_LANGUAGE_CODE, "fr",
+                     GST_TAG_BITRATE, 128000u, GST_TAG_BEATS_PER_MINUTE, 120.5, "lumiflux-test-bool", TRUE,
+                     "lumiflux-test-int", -7, "lumiflux-test-int64", G_GINT64_CONSTANT(-5000000000),
+                     "lumiflux-test-uint64", G_GUINT64_CONSTANT(9000000000), "lumiflux-test-float", 0.25f,
+                     GST_TAG_DATE_TIME, date, nullptr);
+    gst_date_time_unref(date);
+    clearSyslog();
+    TrackInfo track;
+    Internal::copyTags(list, [&](const std::string& name, TagValue value) { track.setTag(name, std::move(value)); });
+    gst_tag_list_unref(list);
+
+    EXPECT_EQ(track.lang(), "de") << "the first value of a tag";
+    EXPECT_EQ(track.tag<std::uint32_t>(GST_TAG_BITRATE, 0), 128000u);
+    EXPECT_EQ(track.tag<double>(GST_TAG_BEATS_PER_MINUTE, 0), 120.5);
+    EXPECT_EQ(track.tag<bool>("lumiflux-test-bool", false), true);
+    EXPECT_EQ(track.tag<std::int32_t>("lumiflux-test-int", 0), -7);
+    EXPECT_EQ(track.tag<std::int64_t>("lumiflux-test-int64", 0), -5000000000);
+    EXPECT_EQ(track.tag<std::uint64_t>("lumiflux-test-uint64", 0), 9000000000u);
+    EXPECT_EQ(track.tag<float>("lumiflux-test-float", 0), 0.25f);
+    EXPECT_EQ(track.findTag(GST_TAG_DATE_TIME), nullptr) << "types without a typed value are not stored";
+    // The stored type decides; a different type asked for gives the fallback.
+    EXPECT_EQ(track.tag<std::int32_t>(GST_TAG_BITRATE, 42), 42);
+    EXPECT_EQ(track.tag("missing", "none"), "none");
+    EXPECT_EQ(track.tagAsString("missing"), "");
+    // Visited by tag name, as text.
+    std::string all;
+    track.forEachTagAsString(
+        [&](const std::string& name, const std::string& value) { all += name + "=" + value + ","; });
+    EXPECT_EQ(all, "beats-per-minute=120.500000,bitrate=128000,language-code=de,lumiflux-test-bool=true,"
+                   "lumiflux-test-float=0.250000,lumiflux-test-int=-7,lumiflux-test-int64=-5000000000,"
+                   "lumiflux-test-uint64=9000000000,");
+    for (const char* line :
+         {"language-code: \"de\" \\ string", "bitrate: 128000 \\ uint", "beats-per-minute: 120.500000 \\ double",
+          "lumiflux-test-bool: true \\ bool", "lumiflux-test-int: -7 \\ int",
+          "lumiflux-test-int64: -5000000000 \\ int64", "lumiflux-test-uint64: 9000000000 \\ uint64",
+          "lumiflux-test-float: 0.250000 \\ float", "datetime: <unknown>"}) {
+        const auto records = syslogRecordsContaining(std::string(" -- ") + line + "\n");
+        ASSERT_EQ(records.size(), 1u) << line;
+        EXPECT_EQ(records[0].text.rfind("0[lumiflux-player] processTag:", 0), 0u) << records[0].text;
+    }
+}
+
+TEST_F(PlayerInternals, GStreamerErrorsMapToPlayerErrors)
+{
+    const std::tuple<GQuark, int, PlayerError> cases[] = {
+        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NOT_FOUND, PlayerError::NotFound},
+        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_BUSY, PlayerError::ResourceBusy},
+        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_READ, PlayerError::ReadFailed},
+        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_SEEK, PlayerError::SeekFailed},
+        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE, PlayerError::ResourceFailed},
+        {GST_STREAM_ERROR, GST_STREAM_ERROR_DECODE, PlayerError::StreamFailed},
+        {GST_CORE_ERROR, GST_CORE_ERROR_MISSING_PLUGIN, PlayerError::Unknown},
+        {GST_LIBRARY_ERROR, GST_LIBRARY_ERROR_INIT, PlayerError::Unknown}};
+    for (const auto& [domain, code, expected] : cases) {
+        g_autoptr(GError) error = g_error_new_literal(domain, code, "x");
+        EXPECT_EQ(Internal::playerErrorFromGError(error), expected) << g_quark_to_string(domain) << " " << code;
+    }
+}
+
+} // namespace
