@@ -1,9 +1,9 @@
-// Logging, the device facts and the enumeration names. The first two are set
-// up once per process: each environment runs in its own (see CMakeLists.txt).
+// Logging, the device facts and the enumeration names. The first two are set up once per process: each
+// environment runs in its own (see CMakeLists.txt).
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
+
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -35,14 +35,16 @@ std::string sent()
     return std::regex_replace(result, std::regex(":[0-9]+ -- "), ":N -- ");
 }
 
-TEST(LogInitRace, FirstCallsFromManyThreadsAtOnceInstallOneBuffer)
+// Syslog on; LUMIFLUX_DEBUG unset, or set to anything ("" and "0" included). The first calls to LogInit come
+// from eight threads at once: one buffer and one openlog come of them.
+TEST(LogSyslog, RacingFirstInitsAndOneRecordPerFlushAtItsLevelsPriority)
 {
     std::atomic<int> waiting{8};
     std::vector<std::thread> threads(8);
     for (auto& t : threads)
         t = std::thread([&waiting] {
             for (--waiting; waiting.load() > 0;) {
-            } // all start together, so the first initialisation is contested
+            }
             LogInit();
         });
     for (auto& t : threads)
@@ -53,22 +55,12 @@ TEST(LogInitRace, FirstCallsFromManyThreadsAtOnceInstallOneBuffer)
     const auto opens = openlogCalls();
     ASSERT_EQ(opens.size(), 1u);
     EXPECT_TRUE(opens[0].ident == "lumiflux" && opens[0].option == LOG_PID && opens[0].facility == LOG_USER);
-    std::clog << LogLevel::Error << "after the race" << std::endl;
-    EXPECT_EQ(sent(), "3 after the race\n");
-}
-
-// Syslog on; LUMIFLUX_DEBUG unset, or set to anything ("" and "0" included).
-TEST(LogSyslog, EachFlushSendsOneRecordAtItsLevelsPriority)
-{
-    LogInit();
-    clearSyslog();
     LUMIFLUX_LOG(LogLevel::Error, "main ") << "cannot open "
                                            << "plugin" << std::endl;
     std::clog << LogLevel::Error << "line one\nline two" << '\n' << std::flush; // one record until the flush
     std::clog << LogLevel{5} << "odd level" << std::endl;                       // kept, sent as debug
     std::clog << LogLevel{-3} << "negative level" << std::endl;                 // below every minimum
-    std::clog << LogLevel::Info << "info" << std::endl;
-    std::clog << "no level" << std::endl;
+    std::clog << LogLevel::Info << "info" << std::endl << "no level" << std::endl;
     std::clog << LogLevel::Error << std::flush; // empty: sends nothing, still resets the level
     std::clog << "after the empty flush" << std::endl;
     LUMIFLUX_LOG_DIGIT(2, "[lumiflux-player] ") << "Failed to change the state to PAUSED" << std::endl;
@@ -93,25 +85,23 @@ TEST(LogSyslogOff, NothingIsInstalledAndEverythingGoesToStandardError)
     EXPECT_EQ(sent(), "");
 }
 
-// LUMIFLUX_DEBUG set: the library's buffer keeps every line whichever thread's
-// flush resets the level, and its lock keeps each insertion whole.
+// LUMIFLUX_DEBUG set: every line is kept whichever thread's flush resets the level, each insertion whole, and
+// pointers logged on one thread leave the numbers of another decimal.
 TEST(LogFormat, PointersOnOneThreadNeverTurnAnotherThreadsNumbersHexadecimal)
 {
     LogInit();
-    clearSyslog();
     constexpr int count = 100000;
     std::thread numbers([] {
         for (int i = 0; i < count; ++i)
             LUMIFLUX_LOG_DIGIT(0, "main ") << "value " << 207 << std::endl;
     });
-    const auto* pointer = reinterpret_cast<const void*>(std::uintptr_t{0xdeadbeef0});
     for (int i = 0; i < count; ++i)
-        LUMIFLUX_LOG_DIGIT(0, "main ") << Internal::LogPointer{pointer} << std::endl;
+        LUMIFLUX_LOG_DIGIT(0, "main ") << Internal::LogPointer{reinterpret_cast<void*>(0xdeadbeef0)} << std::endl;
     numbers.join();
     std::string text;
     for (const auto& record : syslogRecords())
         text += record.text;
-    for (const std::string needle : {"0x", "0xdeadbeef0", "207"}) { // the pointers are the only hexadecimal text
+    for (const std::string needle : {"0x", "0xdeadbeef0", "207"}) {
         int found = 0;
         for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
             ++found;
@@ -119,8 +109,8 @@ TEST(LogFormat, PointersOnOneThreadNeverTurnAnotherThreadsNumbersHexadecimal)
     }
 }
 
-// The rotation angle from a real dconf database (`dconf compile`, selected by
-// DCONF_PROFILE), whose key LUMIFLUX_TEST_DCONF names: read once, never again.
+// The rotation angle from a real dconf database (`dconf compile`, selected by DCONF_PROFILE), whose key
+// LUMIFLUX_TEST_DCONF names: read once, never again.
 TEST(SysInfo, AngleComesFromTheSettingsOnceAndNeverChanges)
 {
     const std::map<std::string, std::pair<std::string, int>> settings{
@@ -138,13 +128,12 @@ TEST(SysInfo, AngleComesFromTheSettingsOnceAndNeverChanges)
     }
 }
 
-// `names` lists the name of each value from `first` up, "-" for the empty one.
+// `names`: the name of each value from `first` up, "-" for the empty one.
 template <typename Enum> void expectNames(const std::string& names, int first = 0)
 {
     std::istringstream in(names);
-    int value = first;
-    for (std::string name; in >> name; ++value)
-        EXPECT_EQ(toString(static_cast<Enum>(value)), name == "-" ? "" : name) << value;
+    for (std::string name; in >> name; ++first)
+        EXPECT_EQ(toString(static_cast<Enum>(first)), name == "-" ? "" : name) << first;
 }
 
 TEST(Types, NamesOfEveryValueAndOfNone)
@@ -158,9 +147,9 @@ TEST(Types, NamesOfEveryValueAndOfNone)
     expectNames<PixelFormat>("YCbCrFlexible", 0xFF);
     expectNames<PixelFormat>("Mappable NotMappable Raw Encoded Preferred", 0xFFFB);
     // Any other value is a FourCC: its four bytes, lowest first, unfiltered.
-    EXPECT_EQ(toString(PixelFormat(0x3231564E)) + toString(fourcc('Y', 'U', '1', '2')), "NV12YU12");
-    EXPECT_EQ(toString(PixelFormat(3)) + toString(PixelFormat(0xFFFA)) + toString(PixelFormat(-1)),
-              std::string("\x03\x00\x00\x00\xFA\xFF\x00\x00\xFF\xFF\xFF\xFF", 12));
+    EXPECT_EQ(toString(PixelFormat(0x3231564E)) + toString(fourcc('Y', 'U', '1', '2')) + toString(PixelFormat(3)) +
+                  toString(PixelFormat(0xFFFA)) + toString(PixelFormat(-1)),
+              std::string("NV12YU12\x03\x00\x00\x00\xFA\xFF\x00\x00\xFF\xFF\xFF\xFF", 20));
 }
 
 } // namespace

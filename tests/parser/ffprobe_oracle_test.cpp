@@ -1,11 +1,11 @@
-// Streams encoded at test time by the x264 command line and by ffmpeg, read
-// by both readers and checked against what ffprobe says about the same file.
-// Missing tools (scripts/install-deps installs them) fail the test.
+// Streams encoded at test time by x264 and ffmpeg, read by both readers and checked against ffprobe on the
+// same file. Missing tools (scripts/install-deps installs them) fail the test.
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -20,9 +20,7 @@ using nlohmann::json;
 namespace {
 
 struct EncodeCase {
-    std::string name, size;
-    int frames;
-    std::string pixelFormat, encoder, options; ///< encoder: "x264" (command line) or "ffmpeg" (its libx264)
+    std::string name, source, options; ///< source: size, frames and pixel format; x264 options unless "-" leads
 };
 
 class FfprobeOracle : public ::testing::TestWithParam<EncodeCase> {};
@@ -31,10 +29,13 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
 {
     const EncodeCase& c = GetParam();
     const std::string file = lumiflux_test::freshDirectory("oracle-" + c.name) + "/" + c.name + ".264";
-    const std::string source = "ffmpeg -nostdin -v error -f lavfi -i testsrc=size=" + c.size + ":rate=25 -frames:v " +
-                               std::to_string(c.frames) + " -pix_fmt " + c.pixelFormat;
+    std::istringstream fields(c.source);
+    std::string size, frames, pixels;
+    fields >> size >> frames >> pixels;
+    const std::string source = "ffmpeg -nostdin -v error -f lavfi -i testsrc=size=" + size + ":rate=25 -frames:v " +
+                               frames + " -pix_fmt " + pixels;
     const std::string command =
-        c.encoder == "x264" ? source + " -f yuv4mpegpipe - | x264 --quiet --preset ultrafast --keyint 3 " +
+        c.options[0] != '-' ? source + " -f yuv4mpegpipe - | x264 --quiet --preset ultrafast --keyint 3 " +
                                   "--min-keyint 3 --demuxer y4m " + c.options + " -o " + file + " - 2>&1"
                             : source + " -c:v libx264 -preset ultrafast " + c.options + " -f h264 -y " + file + " 2>&1";
     std::string text;
@@ -52,8 +53,7 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
         {"High 4:4:4 Predictive", 244}};
     const int profile = profiles.at(stream["profile"]);
 
-    // The minimal readers: the first SPS, read as its bits stand. No SPS here
-    // carries scaling lists, so their deliberate limits do not apply.
+    // The minimal readers: the first SPS as its bits stand (none here has scaling lists, which they do not read).
     std::ifstream in(file, std::ios::binary);
     std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     H264Reader reader;
@@ -67,7 +67,6 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
     EXPECT_EQ(json({spsProfile, level, width, height}),
               json({profile, stream["level"], stream["coded_width"], stream["coded_height"]}));
 
-    // The stream parser: everything, done right.
     Tevara::Lumiflux::VideoStreamParser parser;
     ASSERT_TRUE(parser.parseFile(file)) << parser.errorMessage();
     const auto& m = parser.metadata();
@@ -99,25 +98,24 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
 
 INSTANTIATE_TEST_SUITE_P(
     Streams, FfprobeOracle,
-    ::testing::Values(
-        EncodeCase{"qcif_baseline", "176x144", 8, "yuv420p", "x264", "--profile baseline"},
-        EncodeCase{"qvga_main_bframes", "320x240", 8, "yuv420p", "x264", "--profile main --bframes 2"},
-        EncodeCase{"hd1080_high", "1920x1080", 3, "yuv420p", "x264", "--profile high --8x8dct"},
-        EncodeCase{"odd_1918x1078", "1918x1078", 3, "yuv420p", "x264", "--profile main --bframes 1"},
-        EncodeCase{"interlaced_1080i", "1920x1080", 4, "yuv420p", "x264", "--tff"},
-        EncodeCase{"interlaced_bff_high", "704x480", 6, "yuv420p", "x264", "--bff --profile high --8x8dct"},
-        EncodeCase{"yuv422_cropped", "638x358", 4, "yuv422p", "x264", "--profile high422 --output-csp i422"},
-        EncodeCase{"yuv422_interlaced", "638x358", 4, "yuv422p", "x264", "--profile high422 --output-csp i422 --tff"},
-        EncodeCase{"yuv444_odd", "321x239", 4, "yuv444p", "x264", "--profile high444 --output-csp i444"},
-        EncodeCase{"high10", "320x240", 4, "yuv420p", "x264", "--profile high10 --output-depth 10"},
-        // The encoder sends these matrices in the PPS, so the SPS has none.
-        EncodeCase{"pps_scaling_lists", "1280x720", 3, "yuv420p", "x264", "--profile high --8x8dct --cqm jvt"},
-        EncodeCase{"open_gop_recovery_points", "320x240", 10, "yuv420p", "x264", "--open-gop --bframes 2 --keyint 4"},
-        EncodeCase{"intra_refresh", "320x240", 10, "yuv420p", "x264", "--intra-refresh"},
-        EncodeCase{"four_slices", "640x480", 5, "yuv420p", "x264", "--slices 4"},
-        EncodeCase{"sar_ntsc_rate", "352x288", 5, "yuv420p", "x264", "--sar 16:11 --fps 30000/1001"},
-        EncodeCase{"ffmpeg_aud_sar", "400x300", 6, "yuv420p", "ffmpeg",
-                   "-x264-params aud=1:keyint=3 -bsf:v h264_metadata=sample_aspect_ratio=4/3"}),
+    ::testing::Values(EncodeCase{"qcif_baseline", "176x144 8 yuv420p", "--profile baseline"},
+                      EncodeCase{"qvga_main_bframes", "320x240 8 yuv420p", "--profile main --bframes 2"},
+                      EncodeCase{"hd1080_high", "1920x1080 3 yuv420p", "--profile high --8x8dct"},
+                      EncodeCase{"odd_1918x1078", "1918x1078 3 yuv420p", "--profile main --bframes 1"},
+                      EncodeCase{"interlaced_1080i", "1920x1080 4 yuv420p", "--tff"},
+                      EncodeCase{"interlaced_bff_high", "704x480 6 yuv420p", "--bff --profile high --8x8dct"},
+                      EncodeCase{"yuv422_cropped", "638x358 4 yuv422p", "--profile high422 --output-csp i422"},
+                      EncodeCase{"yuv422_interlaced", "638x358 4 yuv422p", "--profile high422 --output-csp i422 --tff"},
+                      EncodeCase{"yuv444_odd", "321x239 4 yuv444p", "--profile high444 --output-csp i444"},
+                      EncodeCase{"high10", "320x240 4 yuv420p", "--profile high10 --output-depth 10"},
+                      // The encoder sends these matrices in the PPS, so the SPS has none.
+                      EncodeCase{"pps_scaling_lists", "1280x720 3 yuv420p", "--profile high --8x8dct --cqm jvt"},
+                      EncodeCase{"open_gop_recovery_points", "320x240 10 yuv420p", "--open-gop --bframes 2 --keyint 4"},
+                      EncodeCase{"intra_refresh", "320x240 10 yuv420p", "--intra-refresh"},
+                      EncodeCase{"four_slices", "640x480 5 yuv420p", "--slices 4"},
+                      EncodeCase{"sar_ntsc_rate", "352x288 5 yuv420p", "--sar 16:11 --fps 30000/1001"},
+                      EncodeCase{"ffmpeg_aud_sar", "400x300 6 yuv420p",
+                                 "-x264-params aud=1:keyint=3 -bsf:v h264_metadata=sample_aspect_ratio=4/3"}),
     [](const ::testing::TestParamInfo<EncodeCase>& param) { return param.param.name; });
 
 } // namespace

@@ -1,5 +1,4 @@
-// The readers, the stream parser and `lumiflux probe --units` on hand-made
-// streams, which say field by field what they hold.
+// The readers, the stream parser and `lumiflux probe --units` on hand-made streams.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -46,21 +45,6 @@ TEST(H264Reader, UnitsAndErrors)
     EXPECT_EQ(H264Reader().errorName(static_cast<H264Reader::Error>(3)), "");
 }
 
-TEST(H264NaluReader, UnitWithoutStartCodeIsLoggedAndLeftEmpty)
-{
-    LogInit();
-    clearSyslog();
-    Bytes bad{0x67, 0x42, 0x00, 0x1e, 0x00};
-    H264NaluReader reader(bad.data(), bad.size()), tiny(bad.data(), 2); // tiny: not read beyond its size
-    int w = 0, h = 0, l = 0, p = 0;
-    EXPECT_FALSE(reader.parseSPS(w, h, l, p));
-    EXPECT_EQ(reader.size() + reader.naluType() + reader.readUnsigned(8) + tiny.size(), 0u);
-    const auto records = syslogRecords();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(std::to_string(records[0].priority) + std::regex_replace(records[0].text, std::regex(":[0-9]+ "), ": "),
-              std::to_string(LOG_ERR) + "main H264NaluReader: -- Invalid NAL Unit\n");
-}
-
 // What parseSPS makes of an SPS (its first `keep` bytes), read as its bits stand, not unescaped.
 std::string minimalSps(const SpsFields& sps, long keep = 1000)
 {
@@ -95,6 +79,17 @@ TEST(H264NaluReader, ParseSpsSizesAndDeliberateLimits)
         reader.readUnsigned(INT_MAX);
     EXPECT_EQ(reader.readUnsigned(8) + reader.getBit(1000) + reader.readGolomb(), 0u);
     EXPECT_TRUE(reader.overrun());
+    LogInit(); // a unit without a start code is logged and left empty
+    clearSyslog();
+    Bytes bad{0x67, 0x42, 0x00, 0x1e, 0x00};
+    H264NaluReader badUnit(bad.data(), bad.size()), tiny(bad.data(), 2); // tiny: not read beyond its size
+    int w = 0, h = 0, l = 0, p = 0;
+    EXPECT_FALSE(badUnit.parseSPS(w, h, l, p));
+    EXPECT_EQ(badUnit.size() + badUnit.naluType() + badUnit.readUnsigned(8) + tiny.size(), 0u);
+    const auto records = syslogRecords();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(std::to_string(records[0].priority) + std::regex_replace(records[0].text, std::regex(":[0-9]+ "), ": "),
+              std::to_string(LOG_ERR) + "main H264NaluReader: -- Invalid NAL Unit\n");
 }
 
 std::unique_ptr<VideoStreamParser> parse(const Bytes& stream, VideoStreamParserSettings settings = {})
@@ -102,6 +97,14 @@ std::unique_ptr<VideoStreamParser> parse(const Bytes& stream, VideoStreamParserS
     auto parser = std::make_unique<VideoStreamParser>(settings);
     parser->parse(stream.data(), stream.size());
     return parser;
+}
+
+std::string writeFile(const std::string& name, const Bytes& bytes)
+{
+    const std::string file = freshDirectory(name) + "/" + name + ".264";
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return file;
 }
 
 // The error, or every field of the description of one IDR picture of `sps`.
@@ -119,7 +122,7 @@ std::string describe(const SpsFields& sps)
     return parser->errorMessage().empty() ? s.str() : parser->errorMessage();
 }
 
-TEST(VideoStreamParserSps, EmulationPreventionScalingListsCroppingAndVui)
+TEST(VideoStreamParserSps, FieldsAndTheirLimits)
 {
     // Scaling lists, and a num_units_in_tick of 1 whose 31 zero bits need emulation prevention.
     SpsFields hd(100, 120, 68), planes(244, 40, 15), mono(122, 40, 15);
@@ -133,10 +136,6 @@ TEST(VideoStreamParserSps, EmulationPreventionScalingListsCroppingAndVui)
     mono.chromaFormatIdc = 0, mono.frameMbsOnly = false, mono.cropUnits = {1, 2, 1, 3};
     EXPECT_EQ(describe(planes), "h264 244@30 640x240 -1,2,1,3= 637x236 sar 0:0 0/0=0 chroma 3 8/8");
     EXPECT_EQ(describe(mono), "h264 122@30 640x480 -1,2,2,6= 637x472 sar 0:0 0/0=0 chroma 0 8/8 fields");
-}
-
-TEST(VideoStreamParserSps, OutOfRangeAndTruncatedFieldsAreRejectedWithTheirName)
-{
     const std::pair<const char*, void (*)(SpsFields&)> cases[] = {
         {"seq_parameter_set_id", [](SpsFields& s) { s.id = 32; }},
         {"chroma_format_idc", [](SpsFields& s) { s.profileIdc = 100, s.chromaFormatIdc = 4; }},
@@ -217,17 +216,14 @@ TEST(VideoStreamParserUnits, FailuresAndInputs)
     EXPECT_EQ(parse(annexB({sliceRbsp(1)}))->errorMessage(), "the stream holds no sequence parameter set");
     EXPECT_EQ(parse(forbidden)->errorMessage(), "NAL unit at offset 33 has its forbidden_zero_bit set");
     VideoStreamParser parser;
-    const std::string dir = freshDirectory("stream-parser");
-    std::ofstream(dir + "/picture.264", std::ios::binary)
-        .write(reinterpret_cast<const char*>(body.data()), static_cast<std::streamsize>(body.size()));
-    EXPECT_TRUE(parser.parseFile(dir + "/picture.264")) << parser.errorMessage();
+    const std::string file = writeFile("stream-parser", body);
+    EXPECT_TRUE(parser.parseFile(file)) << parser.errorMessage();
     std::vector<std::uint64_t> counts(32);
     counts[5] = counts[7] = counts[8] = 1;
     EXPECT_EQ(parser.nalUnitCounts(), counts);
-    EXPECT_FALSE(parser.parseFile(dir + "/missing.264") || parser.metadata().isValid());
-    EXPECT_EQ(parser.errorMessage().rfind("cannot read " + dir + "/missing.264: ", 0), 0u) << parser.errorMessage();
-    // Used again, a parser forgets the parameter sets of the stream before: the
-    // slice ahead of this stream's own sets cannot take the size of the last.
+    EXPECT_FALSE(parser.parseFile(file + "x") || parser.metadata().isValid());
+    EXPECT_EQ(parser.errorMessage().rfind("cannot read " + file + "x: ", 0), 0u) << parser.errorMessage();
+    // Used again, a parser forgets the last stream's parameter sets: a slice ahead of the new ones takes no size.
     const Bytes next = annexB({ppsRbsp(), sliceRbsp(5), spsRbsp(SpsFields(66, 22, 18)), ppsRbsp(), sliceRbsp(5)});
     ASSERT_TRUE(parser.parse(body.data(), body.size()) && parser.parse(next.data(), next.size()));
     VideoStreamMetadata kept; // a value: a copy outlives the parse, a moved-from one is empty
@@ -244,14 +240,11 @@ TEST(ProbeTool, ListsTheAccessUnitsTheParserFinds)
 {
     Bytes stream = annexB({spsRbsp(SpsFields()), ppsRbsp(), sliceRbsp(5), sliceRbsp(1, 1, 2), seiRbsp(true)});
     appendNal(stream, sliceRbsp(1, 2, 4), 3);
-    const std::string file = freshDirectory("probe-tool") + "/clip.264";
-    std::ofstream(file, std::ios::binary)
-        .write(reinterpret_cast<const char*>(stream.data()), static_cast<std::streamsize>(stream.size()));
+    const std::string file = writeFile("probe-tool", stream);
     std::string out, text, expectedText;
-    nlohmann::json expected = nlohmann::json::array(), units = nlohmann::json::array();
+    nlohmann::json expected = nlohmann::json::array(), units = expected;
     const char* shapes[] = {"7,8,5, key frame\n", "1\n", "6,1, key frame\n"};
-    const auto parser = parse(stream);
-    for (const auto& unit : parser->accessUnits()) {
+    for (const auto& unit : parse(stream)->accessUnits()) {
         expectedText += "  #" + std::to_string(expected.size()) + " offset " + std::to_string(unit.offset) + ", " +
                         std::to_string(unit.size) + " bytes, NAL " + shapes[std::min<std::size_t>(expected.size(), 2)];
         expected.push_back({{"event", "accessUnit"},

@@ -1,6 +1,5 @@
 #pragma once
-// Hand-written H.264 units, field by field. An SPS is written from the
-// library's own parameter set record plus what that record does not hold.
+// Hand-written H.264 units, field by field; an SPS from the library's own record plus what it does not hold.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -36,7 +35,6 @@ struct BitWriter {
     std::uint64_t count = 0;
 };
 
-/** Appends a start code of `startCode` bytes and `rbsp` with emulation prevention. */
 inline void appendNal(Bytes& stream, const Bytes& rbsp, int startCode = 4)
 {
     stream.insert(stream.end(), static_cast<std::size_t>(startCode - 1), 0);
@@ -48,25 +46,21 @@ inline void appendNal(Bytes& stream, const Bytes& rbsp, int startCode = 4)
     }
 }
 
-inline Bytes annexB(std::initializer_list<Bytes> units)
+inline Bytes annexB(std::initializer_list<Bytes> units, Bytes stream = {})
 {
-    Bytes stream;
     for (const Bytes& unit : units)
         appendNal(stream, unit);
     return stream;
 }
 
-/** An SPS to write; the crop in frame_crop_*_offset units. */
 struct SpsFields : Tevara::Lumiflux::Internal::SequenceParameterSet {
     explicit SpsFields(int profile = 66, unsigned mbsWide = 11, unsigned mapUnitsHigh = 9) // 176x144
     {
         profileIdc = profile, levelIdc = 30, log2MaxPocLsb = 6, maxNumRefFrames = 1;
         widthInMbs = mbsWide, heightInMapUnits = mapUnitsHigh;
     }
-    std::array<unsigned, 4> cropUnits{};
-    /** Scaling lists present (when any is listed): each is `firstDelta`, then 0s to its end (odd lists stop at once).
-     */
-    std::vector<bool> presentLists;
+    std::array<unsigned, 4> cropUnits{}; ///< in frame_crop_*_offset units
+    std::vector<bool> presentLists;      ///< scaling lists: `firstDelta`, then 0s (odd lists stop at once)
     int firstDelta = 5;
     std::vector<std::int64_t> pocCycle; ///< offset_for_ref_frame values, for pocType 1
 };
@@ -110,7 +104,7 @@ inline Bytes spsRbsp(const SpsFields& f)
     return w.trailing();
 }
 
-/** PPS 0 of SPS 0: CAVLC, one slice group. */
+// PPS 0 of SPS 0: CAVLC, one slice group.
 inline Bytes ppsRbsp()
 {
     return BitWriter().u(8, 0x68).ue(0).ue(0).u(2, 0).ue(0).ue(0).ue(0).u(3, 0).se(0).se(0).se(0).u(3, 4).trailing();
