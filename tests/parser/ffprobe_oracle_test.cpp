@@ -1,15 +1,13 @@
-// Streams encoded at test time by x264 and ffmpeg, read by both readers and checked against ffprobe on the
+// Streams encoded at test time by x264 and ffmpeg, read by the stream parser and checked against ffprobe on the
 // same file. Missing tools (scripts/install-deps installs them) fail the test.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
+#include <filesystem>
 #include <map>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
 
-#include <lumiflux/h264_reader.h>
 #include <lumiflux/video_stream_parser.h>
 
 #include "test_paths.h"
@@ -20,7 +18,8 @@ using nlohmann::json;
 namespace {
 
 struct EncodeCase {
-    std::string name, source, options; ///< source: size, frames and pixel format; x264 options unless "-" leads
+    std::string name, source,
+        options; ///< source: size, frames and pixel format; x264 options, or ffmpeg ones (one leading -)
 };
 
 class FfprobeOracle : public ::testing::TestWithParam<EncodeCase> {};
@@ -35,7 +34,7 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
     const std::string source = "ffmpeg -nostdin -v error -f lavfi -i testsrc=size=" + size + ":rate=25 -frames:v " +
                                frames + " -pix_fmt " + pixels;
     const std::string command =
-        c.options[0] != '-' ? source + " -f yuv4mpegpipe - | x264 --quiet --preset ultrafast --keyint 3 " +
+        c.options[1] == '-' ? source + " -f yuv4mpegpipe - | x264 --quiet --preset ultrafast --keyint 3 " +
                                   "--min-keyint 3 --demuxer y4m " + c.options + " -o " + file + " - 2>&1"
                             : source + " -c:v libx264 -preset ultrafast " + c.options + " -f h264 -y " + file + " 2>&1";
     std::string text;
@@ -52,20 +51,6 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
         {"Constrained Baseline", 66},  {"Main", 77}, {"High", 100}, {"High 10", 110}, {"High 4:2:2", 122},
         {"High 4:4:4 Predictive", 244}};
     const int profile = profiles.at(stream["profile"]);
-
-    // The minimal readers: the first SPS as its bits stand (none here has scaling lists, which they do not read).
-    std::ifstream in(file, std::ios::binary);
-    std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    H264Reader reader;
-    reader.setData(bytes.data(), bytes.size());
-    auto unit = reader.readNalUnit();
-    for (; unit.second > 0 && H264NaluReader(bytes.data() + unit.first, unit.second).naluType() != 7;)
-        unit = reader.readNalUnit();
-    H264NaluReader sps(bytes.data() + unit.first, unit.second);
-    int width = 0, height = 0, level = 0, spsProfile = 0;
-    ASSERT_TRUE(sps.parseSPS(width, height, level, spsProfile));
-    EXPECT_EQ(json({spsProfile, level, width, height}),
-              json({profile, stream["level"], stream["coded_width"], stream["coded_height"]}));
 
     Tevara::Lumiflux::VideoStreamParser parser;
     ASSERT_TRUE(parser.parseFile(file)) << parser.errorMessage();
@@ -92,15 +77,13 @@ TEST_P(FfprobeOracle, ReadersAgreeWithFfprobe)
         EXPECT_EQ(units[i].offset, end) << i;
         keys += units[i].keyFrame;
     }
-    EXPECT_EQ(end, bytes.size());
+    EXPECT_EQ(end, std::filesystem::file_size(file));
     EXPECT_EQ(m.accessUnitCount() * 1000 + m.keyFrameCount(), units.size() * 1000 + keys);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Streams, FfprobeOracle,
     ::testing::Values(EncodeCase{"qcif_baseline", "176x144 8 yuv420p", "--profile baseline"},
-                      EncodeCase{"qvga_main_bframes", "320x240 8 yuv420p", "--profile main --bframes 2"},
-                      EncodeCase{"hd1080_high", "1920x1080 3 yuv420p", "--profile high --8x8dct"},
                       EncodeCase{"odd_1918x1078", "1918x1078 3 yuv420p", "--profile main --bframes 1"},
                       EncodeCase{"interlaced_1080i", "1920x1080 4 yuv420p", "--tff"},
                       EncodeCase{"interlaced_bff_high", "704x480 6 yuv420p", "--bff --profile high --8x8dct"},
