@@ -35,9 +35,10 @@ std::string sent()
     return std::regex_replace(result, std::regex(":[0-9]+ -- "), ":N -- ");
 }
 
-// Syslog on; LUMIFLUX_DEBUG unset, or set to anything ("" and "0" included). The first calls to LogInit come
-// from eight threads at once: one buffer and one openlog come of them.
-TEST(LogSyslog, RacingFirstInitsAndOneRecordPerFlushAtItsLevelsPriority)
+// The first calls to LogInit come from eight threads at once. Syslog on (LUMIFLUX_DEBUG unset, or set to anything,
+// "" and "0" included): one buffer and one openlog come of them, and each flush sends one record at its level's
+// priority. LUMIFLUX_NO_SYSLOG set otherwise: nothing is installed and every line goes to standard error.
+TEST(LogSyslog, RacingFirstInitsThenOneRecordPerFlush)
 {
     std::atomic<int> waiting{8};
     std::vector<std::thread> threads(8);
@@ -51,10 +52,12 @@ TEST(LogSyslog, RacingFirstInitsAndOneRecordPerFlushAtItsLevelsPriority)
         t.join();
     std::streambuf* installed = std::clog.rdbuf();
     LogInit();
-    EXPECT_TRUE(installed != originalClogBuffer && std::clog.rdbuf() == installed);
+    const bool off = std::getenv("LUMIFLUX_TEST_SYSLOG_OFF") != nullptr;
+    EXPECT_TRUE((installed != originalClogBuffer) != off && std::clog.rdbuf() == installed);
     const auto opens = openlogCalls();
-    ASSERT_EQ(opens.size(), 1u);
-    EXPECT_TRUE(opens[0].ident == "lumiflux" && opens[0].option == LOG_PID && opens[0].facility == LOG_USER);
+    ASSERT_EQ(opens.size(), off ? 0u : 1u);
+    EXPECT_TRUE(off || (opens[0].ident == "lumiflux" && opens[0].option == LOG_PID && opens[0].facility == LOG_USER));
+    testing::internal::CaptureStderr();
     LUMIFLUX_LOG(LogLevel::Error, "main ") << "cannot open "
                                            << "plugin" << std::endl;
     std::clog << LogLevel::Error << "line one\nline two" << '\n' << std::flush; // one record until the flush
@@ -65,24 +68,15 @@ TEST(LogSyslog, RacingFirstInitsAndOneRecordPerFlushAtItsLevelsPriority)
     std::clog << "after the empty flush" << std::endl;
     LUMIFLUX_LOG_DIGIT(2, "[lumiflux-player] ") << "Failed to change the state to PAUSED" << std::endl;
     std::clog << "lost " << LogLevel::Error << "kept" << std::endl; // text before the level is dropped as it comes
-    const std::string kept = "3 main TestBody:N -- cannot open plugin\n3 line one\nline two\n7 odd level\n6 info\n";
-    EXPECT_EQ(sent(), std::getenv("LUMIFLUX_DEBUG") == nullptr
-                          ? kept + "3 kept\n"
-                          : kept + "7 no level\n7 after the empty flush\n7 2[lumiflux-player] TestBody:N -- Failed to "
-                                   "change the state to PAUSED\n3 lost kept\n");
-}
-
-TEST(LogSyslogOff, NothingIsInstalledAndEverythingGoesToStandardError)
-{
-    LogInit();
-    EXPECT_TRUE(std::clog.rdbuf() == originalClogBuffer && openlogCalls().empty());
-    testing::internal::CaptureStderr();
-    LUMIFLUX_LOG_DIGIT(0, "main ") << "debug digit" << std::endl;
-    LUMIFLUX_LOG(LogLevel::Error, "main ") << "error level" << std::endl;
-    std::clog << LogLevel::Debug << "debug level" << std::endl;
-    EXPECT_EQ(std::regex_replace(testing::internal::GetCapturedStderr(), std::regex(":[0-9]+ -- "), ":N -- "),
-              "0main TestBody:N -- debug digit\nmain TestBody:N -- error level\ndebug level\n");
-    EXPECT_EQ(sent(), "");
+    const std::string head = "3 main TestBody:N -- cannot open plugin\n3 line one\nline two\n7 odd level\n",
+                      all = "7 no level\n7 after the empty flush\n7 2[lumiflux-player] TestBody:N -- Failed to change "
+                            "the state to PAUSED\n3 lost kept\n";
+    const std::string logged =
+        sent() + "|" + std::regex_replace(testing::internal::GetCapturedStderr(), std::regex(":[0-9]+ -- "), ":N -- ");
+    EXPECT_EQ(logged, off ? "|" + std::regex_replace(head + "7 negative level\n6 info\n" + all,
+                                                     std::regex("(^|\n)[0-9] "), "$1")
+                      : std::getenv("LUMIFLUX_DEBUG") == nullptr ? head + "6 info\n3 kept\n|"
+                                                                 : head + "6 info\n" + all + "|");
 }
 
 // LUMIFLUX_DEBUG set: every line is kept whichever thread's flush resets the level, each insertion whole, and

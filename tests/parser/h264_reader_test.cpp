@@ -21,7 +21,18 @@ using Unit = std::pair<unsigned long, unsigned long>;
 
 namespace {
 
-TEST(H264Reader, UnitsAndErrors)
+// What parseSPS makes of an SPS (its first `keep` bytes), read as its bits stand, not unescaped.
+std::string minimalSps(const SpsFields& sps, long keep = 1000)
+{
+    Bytes unit{0, 0, 0, 1}, rbsp = spsRbsp(sps);
+    unit.insert(unit.end(), rbsp.begin(), rbsp.begin() + std::min<long>(keep, static_cast<long>(rbsp.size())));
+    H264NaluReader reader(unit.data(), unit.size());
+    int width = 0, height = 0, level = 0, profile = 0;
+    const bool ok = reader.parseSPS(width, height, level, profile);
+    return ok ? std::to_string(profile) + " " + std::to_string(width) + "x" + std::to_string(height) : "failed";
+}
+
+TEST(H264Readers, UnitsErrorsSpsSizesAndDeliberateLimits)
 {
     const unsigned long failed = static_cast<unsigned long>(-1);
     const Bytes units{0, 0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x68, 0xce, 0, 0, 0, 1, 0x65, 0x88};
@@ -41,21 +52,6 @@ TEST(H264Reader, UnitsAndErrors)
         EXPECT_EQ(reader.errorName(reader.error()), error);
     }
     EXPECT_EQ(H264Reader().errorName(static_cast<H264Reader::Error>(3)), "");
-}
-
-// What parseSPS makes of an SPS (its first `keep` bytes), read as its bits stand, not unescaped.
-std::string minimalSps(const SpsFields& sps, long keep = 1000)
-{
-    Bytes unit{0, 0, 0, 1}, rbsp = spsRbsp(sps);
-    unit.insert(unit.end(), rbsp.begin(), rbsp.begin() + std::min<long>(keep, static_cast<long>(rbsp.size())));
-    H264NaluReader reader(unit.data(), unit.size());
-    int width = 0, height = 0, level = 0, profile = 0;
-    const bool ok = reader.parseSPS(width, height, level, profile);
-    return ok ? std::to_string(profile) + " " + std::to_string(width) + "x" + std::to_string(height) : "failed";
-}
-
-TEST(H264NaluReader, ParseSpsSizesAndDeliberateLimits)
-{
     SpsFields hd(100, 120, 68), field(77, 45, 18), cycle(66, 22, 18), planes(244, 80, 45), lists(100);
     hd.cropUnits = {0, 0, 0, 4}; // not applied
     field.frameMbsOnly = false;
@@ -108,7 +104,7 @@ std::string writeFile(const std::string& name, const Bytes& bytes)
 // The error, or every field of the description of one IDR picture of `sps`.
 std::string describe(const SpsFields& sps)
 {
-    const auto parser = parse(oneIdrPicture(sps));
+    const auto parser = parse(annexB({spsRbsp(sps), ppsRbsp(), sliceRbsp(5)}));
     const VideoStreamMetadata& m = parser->metadata();
     std::ostringstream s;
     s << m.codecName() << " " << m.profile() << "@" << m.level() << " " << m.codedWidth() << "x" << m.codedHeight()
@@ -167,7 +163,7 @@ TEST(VideoStreamParserSps, FieldsAndTheirLimits)
                   std::string::npos);
 }
 
-TEST(VideoStreamParserUnits, AccessUnitsKeyFramesAndByteRanges)
+TEST(VideoStreamParserUnits, AccessUnitsKeyFramesByteRangesFailuresAndInputs)
 {
     Bytes stream;
     std::vector<std::uint64_t> starts, offsets;
@@ -200,11 +196,7 @@ TEST(VideoStreamParserUnits, AccessUnitsKeyFramesAndByteRanges)
     const auto counted = parse(stream, {false, false, false}); // units not kept, recovery points not key frames
     EXPECT_TRUE(counted->errorMessage().empty() && counted->accessUnits().empty());
     EXPECT_EQ(counted->metadata().accessUnitCount() * 10 + counted->metadata().keyFrameCount(), 73u);
-}
-
-TEST(VideoStreamParserUnits, FailuresAndInputs)
-{
-    const Bytes body = oneIdrPicture();
+    const Bytes body = annexB({spsRbsp(SpsFields()), ppsRbsp(), sliceRbsp(5)});
     Bytes leading{0xff, 0xee}, forbidden = body;
     leading.insert(leading.end(), body.begin(), body.end());
     forbidden.insert(forbidden.end(), {0, 0, 1, 0x81, 0x22});

@@ -134,9 +134,4 @@ inline Bytes seiRbsp(bool recoveryPoint, unsigned declaredSize = 300)
     return w.trailing();
 }
 
-inline Bytes oneIdrPicture(const SpsFields& sps = SpsFields())
-{
-    return annexB({spsRbsp(sps), ppsRbsp(), sliceRbsp(5)});
-}
-
 } // namespace lumiflux_test
