@@ -1,5 +1,4 @@
-// Logging, the device facts and the enumeration names. The first two are set up once per process: each
-// environment runs in its own (see CMakeLists.txt).
+// Logging, the device facts and the enumeration names; the first two are set up once per process.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -44,8 +43,8 @@ TEST(LogSyslog, RacingFirstInitsThenOneRecordPerFlush)
     std::vector<std::thread> threads(8);
     for (auto& t : threads)
         t = std::thread([&waiting] {
-            for (--waiting; waiting.load() > 0;) {
-            }
+            for (--waiting; waiting.load() > 0;)
+                std::this_thread::yield(); // all start together, so the first initialisation is contested
             LogInit();
         });
     for (auto& t : threads)
@@ -79,8 +78,7 @@ TEST(LogSyslog, RacingFirstInitsThenOneRecordPerFlush)
                                                                  : head + "6 info\n" + all + "|");
 }
 
-// LUMIFLUX_DEBUG set: every line is kept whichever thread's flush resets the level, each insertion whole, and
-// pointers logged on one thread leave the numbers of another decimal.
+// LUMIFLUX_DEBUG set: pointers logged on one thread leave another thread's numbers decimal, every line kept.
 TEST(LogFormat, PointersOnOneThreadNeverTurnAnotherThreadsNumbersHexadecimal)
 {
     LogInit();
@@ -96,15 +94,12 @@ TEST(LogFormat, PointersOnOneThreadNeverTurnAnotherThreadsNumbersHexadecimal)
     for (const auto& record : syslogRecords())
         text += record.text;
     for (const std::string needle : {"0x", "0xdeadbeef0", "207"}) {
-        int found = 0;
-        for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
-            ++found;
-        EXPECT_EQ(found, count) << needle;
+        const std::regex pattern(needle);
+        EXPECT_EQ(std::distance(std::sregex_iterator(text.begin(), text.end(), pattern), {}), count) << needle;
     }
 }
 
-// The rotation angle from a real dconf database (`dconf compile`, selected by DCONF_PROFILE), whose key
-// LUMIFLUX_TEST_DCONF names: read once, never again.
+// The rotation angle from a real dconf database, whose key LUMIFLUX_TEST_DCONF names: read once, never again.
 TEST(SysInfo, AngleComesFromTheSettingsOnceAndNeverChanges)
 {
     const std::map<std::string, std::pair<std::string, int>> settings{
@@ -122,7 +117,6 @@ TEST(SysInfo, AngleComesFromTheSettingsOnceAndNeverChanges)
     }
 }
 
-// `names`: the name of each value from `first` up, "-" for the empty one.
 template <typename Enum> void expectNames(const std::string& names, int first = 0)
 {
     std::istringstream in(names);

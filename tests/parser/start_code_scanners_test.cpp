@@ -1,6 +1,5 @@
-// The fast start-code search against a byte-by-byte transcription of its state
-// machine on random streams: every scanner this CPU runs, with counters carried
-// into a scan, and H264Reader over chunks that cut start codes in half.
+// Every start-code scanner this CPU runs, and H264Reader over chunks that cut start codes in half, against a
+// byte-by-byte transcription of the state machine on random streams.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -14,8 +13,7 @@ using namespace Tevara::Lumiflux::Internal;
 
 namespace {
 
-// A zero counter that wraps to 0 on a fourth zero (five zeros and 0x01 are no start code); a 0x01 after two or
-// three counted zeros is one.
+// A 0x01 after two or three counted zeros is a start code; a fourth zero wraps the counter to 0.
 struct Reference {
     const std::uint8_t* data;
     std::size_t size, position;

@@ -33,8 +33,7 @@ std::vector<std::string> scan()
     return result;
 }
 
-// An empty directory, a missing one (created after the scan) and an empty value, which must not mean the
-// working directory full of modules.
+// An empty directory, a missing one (created after the scan) and an empty value (not the working directory).
 TEST(PluginScanNothing, NothingIsLoadedLoggedOrScannedAgain)
 {
     const std::string base = freshDirectory("nothing"), kind = std::getenv("LUMIFLUX_TEST_SCAN");
@@ -78,8 +77,7 @@ TEST(PluginScanMixed, OnlyRealModulesAreKeptAndEachBadFileIsLoggedOnce)
                   static_cast<void*>(Tevara::Lumiflux::Internal::globals()));
         EXPECT_EQ(plugin.module->getPriority() * 10 + calls, plugin.path == dir + "/valid_module.so" ? 31 : 71);
     }
-    // Each bad file is logged once at LOG_ERR. A module with a symbol that nothing defines cannot be opened:
-    // every symbol is bound at load time.
+    // Each bad file is logged once at LOG_ERR; a symbol that nothing defines fails at load time.
     std::string logged;
     for (const auto& record : syslogRecords())
         logged += std::to_string(record.priority) + " " + record.text;
