@@ -25,7 +25,6 @@ namespace {
 
 std::streambuf* const originalClogBuffer = std::clog.rdbuf();
 
-// Priority and text of what was sent, the line numbers of log heads as N.
 std::string sent()
 {
     std::string result;
@@ -34,9 +33,8 @@ std::string sent()
     return std::regex_replace(result, std::regex(":[0-9]+ -- "), ":N -- ");
 }
 
-// The first calls to LogInit come from eight threads at once. Syslog on (LUMIFLUX_DEBUG unset, or set to anything,
-// "" and "0" included): one buffer and one openlog come of them, and each flush sends one record at its level's
-// priority. LUMIFLUX_NO_SYSLOG set otherwise: nothing is installed and every line goes to standard error.
+// Eight threads make the first LogInit calls. Syslog on: one buffer and one openlog, one record per flush at its
+// level's priority (LUMIFLUX_DEBUG keeps every line). LUMIFLUX_NO_SYSLOG set: every line to standard error.
 TEST(LogSyslog, RacingFirstInitsThenOneRecordPerFlush)
 {
     std::atomic<int> waiting{8};

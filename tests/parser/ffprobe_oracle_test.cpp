@@ -1,5 +1,4 @@
-// Streams encoded at test time by x264 and ffmpeg, read by the stream parser and checked against ffprobe on the
-// same file. Missing tools (scripts/install-deps installs them) fail the test.
+// Streams encoded at test time, parsed and checked against ffprobe; scripts/install-deps installs the tools.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -62,7 +61,6 @@ TEST_P(FfprobeOracle, StreamParserAgreesWithFfprobe)
     EXPECT_EQ(m.sarWidth() != 0 ? sar : stream["sample_aspect_ratio"].get<std::string>(),
               stream["sample_aspect_ratio"]);
 
-    // Access units: one per packet, key frames where ffprobe has them, tiling the file.
     const auto& units = parser.accessUnits();
     const json& packets = probe["packets"];
     ASSERT_EQ(units.size(), packets.size());

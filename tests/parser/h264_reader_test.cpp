@@ -1,5 +1,4 @@
-// The readers, the stream parser and `lumiflux probe --units` on H.264 streams written here field by field (an
-// SPS from the library's own record plus what it does not hold).
+// The readers, the parser and `lumiflux probe --units` on streams written field by field from the parser's records.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -228,7 +227,6 @@ std::string writeFile(const std::string& name, const Bytes& bytes)
     return file;
 }
 
-// The error, or every field of the description of one IDR picture of `sps`.
 std::string describe(const SpsFields& sps)
 {
     const auto parser = parse(annexB({spsRbsp(sps), ppsRbsp(), sliceRbsp(5)}));
@@ -351,7 +349,6 @@ TEST(VideoStreamParserUnits, AccessUnitsKeyFramesByteRangesFailuresAndInputs)
 }
 
 #ifdef LUMIFLUX_TOOL
-// `lumiflux probe --units`, run as a user runs it, lists what the parser finds in the same file.
 TEST(ProbeTool, ListsTheAccessUnitsTheParserFinds)
 {
     Bytes stream = annexB({spsRbsp(SpsFields()), ppsRbsp(), sliceRbsp(5), sliceRbsp(1, 1, 2), seiRbsp(true)});

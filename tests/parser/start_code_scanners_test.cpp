@@ -1,5 +1,4 @@
-// Every start-code scanner this CPU runs, and H264Reader over chunks that cut start codes in half, against a
-// byte-by-byte transcription of the state machine on random streams.
+// Each scanner this CPU runs, and H264Reader over cut chunks, against the byte-wise state machine on random data.
 #include <gtest/gtest.h>
 
 #include <random>

@@ -106,7 +106,6 @@ TEST(PluginScanThrowing, ThrowingEntryLeavesTheManagerUnscannedUntilAScanSucceed
     EXPECT_EQ(scan().size(), 1u);
 }
 
-// `lumiflux plugins`, run as a user runs it.
 TEST(PluginsTool, ListsEachModuleAndRefusesAMissingDirectory)
 {
     const std::string dir = freshDirectory("tool");
