@@ -7,20 +7,15 @@
 
 namespace lumiflux_test {
 namespace {
-std::mutex& lock()
+struct Captured {
+    std::mutex lock;
+    std::vector<SyslogRecord> records;
+    std::vector<OpenlogCall> opens;
+};
+Captured& captured()
 {
-    static std::mutex m;
-    return m;
-}
-std::vector<SyslogRecord>& records()
-{
-    static std::vector<SyslogRecord> r;
-    return r;
-}
-std::vector<OpenlogCall>& opens()
-{
-    static std::vector<OpenlogCall> o;
-    return o;
+    static Captured c;
+    return c;
 }
 void record(int priority, const char* format, va_list args)
 {
@@ -31,27 +26,27 @@ void record(int priority, const char* format, va_list args)
     std::string text(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
     if (size > 0)
         std::vsnprintf(text.data(), text.size() + 1, format, args);
-    std::lock_guard<std::mutex> guard(lock());
-    records().push_back({priority, text});
+    std::lock_guard<std::mutex> guard(captured().lock);
+    captured().records.push_back({priority, text});
 }
 } // namespace
 
 std::vector<SyslogRecord> syslogRecords()
 {
-    std::lock_guard<std::mutex> guard(lock());
-    return records();
+    std::lock_guard<std::mutex> guard(captured().lock);
+    return captured().records;
 }
 
 std::vector<OpenlogCall> openlogCalls()
 {
-    std::lock_guard<std::mutex> guard(lock());
-    return opens();
+    std::lock_guard<std::mutex> guard(captured().lock);
+    return captured().opens;
 }
 
 void clearSyslog()
 {
-    std::lock_guard<std::mutex> guard(lock());
-    records().clear();
+    std::lock_guard<std::mutex> guard(captured().lock);
+    captured().records.clear();
 }
 
 std::vector<SyslogRecord> syslogRecordsContaining(const std::string& needle)
@@ -69,8 +64,8 @@ extern "C" {
 
 void openlog(const char* ident, int option, int facility)
 {
-    std::lock_guard<std::mutex> guard(lumiflux_test::lock());
-    lumiflux_test::opens().push_back({ident != nullptr ? ident : "", option, facility});
+    std::lock_guard<std::mutex> guard(lumiflux_test::captured().lock);
+    lumiflux_test::captured().opens.push_back({ident != nullptr ? ident : "", option, facility});
 }
 
 void syslog(int priority, const char* format, ...)

@@ -1,9 +1,6 @@
 #pragma once
-
-// Captures what the library sends to syslog. The test program defines
-// openlog() and syslog() itself; the dynamic linker binds the library's calls
-// to these definitions ahead of the C library's, so every record is seen.
-
+// Captures what the library sends to syslog. The test program defines openlog() and syslog() itself; the dynamic
+// linker binds the library's calls to these definitions ahead of the C library's, so every record is seen.
 #include <string>
 #include <vector>
 
@@ -16,8 +13,7 @@ struct SyslogRecord {
 
 struct OpenlogCall {
     std::string ident;
-    int option;
-    int facility;
+    int option, facility;
 };
 
 std::vector<SyslogRecord> syslogRecords();

@@ -40,8 +40,7 @@ int runCommand(const std::string& command, std::string* output)
         return -1;
     std::array<char, 4096> chunk{};
     std::string text;
-    std::size_t n;
-    while ((n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0)
+    for (std::size_t n; (n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0;)
         text.append(chunk.data(), n);
     const int status = pclose(pipe);
     if (output != nullptr)
