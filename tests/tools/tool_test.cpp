@@ -1,6 +1,7 @@
 // The staged lumiflux tool as a user runs it: no LUMIFLUX_PLUGIN_DIR, so it
 // finds its own plug-ins and sample beside itself.
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -33,10 +34,10 @@ std::string tool(const std::string& arguments, int& status)
 }
 
 // The records of a --json run; standard error apart, so that every line must parse as one object.
-Records toolJson(const std::string& arguments, int& status)
+Records toolJson(const std::string& arguments, int& status, const std::string& environment = "")
 {
     std::string out;
-    status = lumiflux_test::runCommand(kTool + "--json " + arguments + " 2>/dev/null", &out);
+    status = lumiflux_test::runCommand(environment + kTool + "--json " + arguments + " 2>/dev/null", &out);
     Records records;
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
@@ -290,6 +291,42 @@ TEST(Json, EveryCommandWritesOnlyJsonObjects)
         EXPECT_FALSE(records.empty()) << arguments;
         for (const json& record : records)
             EXPECT_TRUE(record.contains("event")) << arguments << ": " << record.dump();
+    }
+    int status = -1;
+    const json finished = last(toolJson("capture 0 --frames 2", status, "LUMIFLUX_TEST_CAMERAS=1 "), "finished");
+    EXPECT_EQ(finished["frames"], 2);
+    EXPECT_GT(finished.value("measuredFrameRate", 0.0), 0.0) << finished.dump();
+}
+
+// On a terminal the encoder shows its progress; the pattern is a smooth gradient from the very first column.
+TEST(Json, EncodePatternOnATerminal)
+{
+    const std::string dir = lumiflux_test::freshDirectory("encode"), stream = dir + "/p.h264";
+    std::string out;
+    ASSERT_EQ(lumiflux_test::runCommand(
+                  "script -qec '" + kTool + "encode pattern -c h264 --frames 3 -o " + stream + "' /dev/null", &out),
+              0)
+        << out;
+    std::string progress;
+    const std::regex frame("frame ([0-9]+/[0-9]+)");
+    for (std::sregex_iterator i(out.begin(), out.end(), frame), end; i != end; ++i)
+        progress = (*i)[1];
+    EXPECT_EQ(progress, "3/3") << out;
+    ASSERT_EQ(lumiflux_test::runCommand("ffmpeg -v error -i " + stream +
+                                            " -frames:v 1 -f rawvideo -pix_fmt yuv420p -y " + dir + "/p.yuv 2>&1",
+                                        &out),
+              0)
+        << out;
+    std::ifstream in(dir + "/p.yuv", std::ios::binary);
+    const std::string yuv((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_EQ(yuv.size(), 640u * 480 * 3 / 2);
+    for (auto [offset, width, height] :
+         {std::tuple{0, 640, 480}, {640 * 480, 320, 240}, {640 * 480 * 5 / 4, 320, 240}}) {
+        int step = 0;
+        for (int row = 0; row < height; ++row)
+            step += std::abs(static_cast<unsigned char>(yuv[offset + row * width]) -
+                             static_cast<unsigned char>(yuv[offset + row * width + 1]));
+        EXPECT_LT(step / height, 6) << "plane at " << offset;
     }
 }
 
