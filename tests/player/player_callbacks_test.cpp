@@ -1,14 +1,6 @@
-// What an application may do from inside the player's callbacks: call the
-// player (the work is queued, never run inside the callback), destroy it
-// (the teardown ends on another thread; no callback follows), and replace
-// the video sink (which waits for a call to the old one under way). Each case
-// runs under a watchdog: a deadlock ends the program with the case's name.
+// What an application may do from inside the player's callbacks; a watchdog names the case that deadlocks.
 
-#include <atomic>
-#include <chrono>
 #include <memory>
-#include <mutex>
-#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -31,18 +23,14 @@ TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
         {"pause", [](Player& p) { p.pause(); }}};
     // Outlives the player: a case that fails leaves its destructor to hang.
     Watchdog whole("the re-entry cases and the player's teardown", 4 * kCaseLimit);
-    // One player for every case, started once and kept going round.
     HookedListener listener;
     Player player;
     player.setListener(&listener);
     {
-        // A selection made from the first track list, while the pipeline still
-        // prerolls and adds its pads (it once hung there one time in five),
-        // is carried out once the streams' data moves.
+        // Made while the pipeline still prerolls and adds its pads (it once hung there one time in five).
         Watchdog watchdog("selectTracks from onMediaInfo during the preroll", kCaseLimit);
         listener.arm(OnMediaInfo, [&] { player.selectTracks({0, 2}); });
-        player.play(mediaUri("media.mkv"));
-        player.pause();
+        player.play(mediaUri("media.mkv")), player.pause();
         ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
         player.setAutoRepeat(true);
         ASSERT_TRUE(listener.waitFor([&] {
@@ -65,12 +53,10 @@ TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
             else if (hook == OnState)
                 player.pause();
             ASSERT_TRUE(listener.waitForAction());
-            // The queue still runs: a task queued now is carried out.
             EXPECT_TRUE(listener.drain(player));
         }
     }
-    // setListener from inside a callback takes effect at once: the next
-    // report goes to the new listener, the old one hears nothing more.
+    // Takes effect at once: the old listener hears nothing more.
     Watchdog watchdog("setListener from onError", kCaseLimit);
     RecordingListener next;
     listener.arm(OnError, [&] { player.setListener(&next); });
@@ -100,26 +86,17 @@ TEST(PlayerCallbacks, APlayerDestroyedInsideItsCallbackLetsGoAtOnce)
         auto player = std::make_unique<Player>();
         std::mutex playerMutex;
         std::atomic<bool> destroyed{false};
-        player->setListener(&listener);
-        player->setVideoSink(&listener);
+        player->setListener(&listener), player->setVideoSink(&listener);
         listener.arm(hook, [&] {
-            std::unique_ptr<Player> last;
-            {
-                std::lock_guard<std::mutex> lock(playerMutex);
-                last = std::move(player);
-            }
-            last.reset();
-            destroyed = true;
+            std::unique_lock<std::mutex> lock(playerMutex);
+            std::unique_ptr<Player> last = std::move(player);
+            lock.unlock(), last.reset(), destroyed = true;
         });
-        {
-            std::lock_guard<std::mutex> lock(playerMutex);
-            player->play(uri);
-            player->pause();
-        }
+        std::unique_lock<std::mutex> lock(playerMutex);
+        player->play(uri), player->pause(), lock.unlock();
         ASSERT_TRUE(listener.waitForAction());
         ASSERT_TRUE(destroyed.load());
-        // Whatever the listener and the sink see from now on came after the
-        // destructor returned.
+        // Nothing may come after the destructor returned.
         const auto heard = [&] {
             std::lock_guard<std::mutex> lock(listener.mutex);
             return listener.states.size() + listener.errors.size() + listener.positions.size() + listener.frames;
@@ -128,18 +105,15 @@ TEST(PlayerCallbacks, APlayerDestroyedInsideItsCallbackLetsGoAtOnce)
         std::this_thread::sleep_for(300ms);
         EXPECT_EQ(heard(), calls);
     }
-    // The process goes on: another player plays.
     Watchdog watchdog("a new player after the destructions", kCaseLimit);
     ListenedPlayer session;
     EXPECT_TRUE(session.start(mediaUri("media.mkv")));
 }
 
-// The sink given up with setVideoSink is not in a call once it returns, and
-// is never called again: the application may destroy it then.
+// The sink given up is not in a call once setVideoSink returns, and is never called again.
 TEST(PlayerCallbacks, SetVideoSinkWaitsForTheFrameUnderWay)
 {
-    class SlowSink : public VideoSink {
-    public:
+    struct SlowSink : VideoSink {
         void onFrame(const VideoFrame&, bool) override
         {
             inCall = true;
@@ -152,9 +126,7 @@ TEST(PlayerCallbacks, SetVideoSinkWaitsForTheFrameUnderWay)
     Watchdog watchdog("setVideoSink during a frame", kCaseLimit);
     SlowSink sink;
     ListenedPlayer session;
-    session.player.setVideoSink(&sink);
-    session.player.play(mediaUri("media.mkv"));
-    session.player.pause();
+    session.player.setVideoSink(&sink), session.player.play(mediaUri("media.mkv")), session.player.pause();
     while (!sink.inCall.load())
         std::this_thread::sleep_for(5ms);
     session.player.setVideoSink(nullptr);

@@ -1,6 +1,4 @@
-// The audio path against a real sound server: a PulseAudio daemon of the
-// test's own (null sink, private runtime directory and socket), read back
-// with pactl.
+// The audio path against a PulseAudio daemon of the test's own (null sink, private socket), read back with pactl.
 
 #include <signal.h>
 
@@ -21,10 +19,8 @@ namespace {
 TEST(PlayerPulse, StreamCarriesMediaRoleAndMutes)
 {
     const std::string dir = freshDirectory("pulse"), socket = dir + "/native";
-    // In the background with its output in a file (CTest waits for the pipes
-    // to close); idle for 30 s, as when this process dies, it ends itself.
-    // Root runs it in per-user mode on purpose: --system would use the
-    // machine-wide socket and configuration.
+    // Output in a file: CTest waits for the pipes to close. It ends itself once idle for 30 s. Per-user mode
+    // even as root: --system would use the machine-wide socket and configuration.
     std::string pid;
     ASSERT_EQ(runCommand("env -i XDG_RUNTIME_DIR=" + dir + " HOME=" + dir + " PATH=\"$PATH\" pulseaudio -n " +
                              "--daemonize=no --exit-idle-time=30 --use-pid-file=no --log-target=stderr " +
@@ -34,7 +30,6 @@ TEST(PlayerPulse, StreamCarriesMediaRoleAndMutes)
               0);
     std::shared_ptr<void> stop(nullptr, [&](void*) { kill(std::stoi(pid), SIGTERM); });
     std::string out;
-    // Polls pactl until its output contains `text`.
     const auto pactl = [&](const std::string& command, const std::string& text) {
         for (int i = 0; i < 300; ++i) {
             runCommand("LC_ALL=C PULSE_SERVER=unix:" + socket + " pactl " + command + " 2>&1", &out);

@@ -3,6 +3,7 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -30,12 +31,6 @@ std::vector<std::string> HttpRequest::values(const std::string& name) const
     return found;
 }
 
-std::string HttpRequest::header(const std::string& name) const
-{
-    const auto found = values(name);
-    return found.empty() ? "" : found[0];
-}
-
 struct HttpTestServer::Private {
     GMainContext* context = g_main_context_new();
     GMainLoop* loop = g_main_loop_new(context, FALSE);
@@ -46,11 +41,6 @@ struct HttpTestServer::Private {
     std::map<std::string, std::pair<std::string, std::string>> resources; // path: bytes, type
     std::map<std::string, std::pair<HttpFault, std::string>> faults;
     std::vector<HttpRequest> received;
-
-    static void handle(SoupServer*, SoupServerMessage* msg, const char* path, GHashTable*, gpointer self)
-    {
-        static_cast<Private*>(self)->respond(msg, path ? path : "");
-    }
 
     void respond(SoupServerMessage* msg, const std::string& path)
     {
@@ -73,27 +63,16 @@ struct HttpTestServer::Private {
             auto it = resources.find(path); // never changed while requests come
             resource = it == resources.end() ? nullptr : &it->second;
         }
-        switch (fault.first) {
-        case HttpFault::ServerError:
-            soup_server_message_set_status(msg, SOUP_STATUS_INTERNAL_SERVER_ERROR, nullptr);
-            return;
-        case HttpFault::Redirect:
-            soup_server_message_set_redirect(msg, SOUP_STATUS_FOUND, fault.second.c_str());
-            return;
-        case HttpFault::Stall: // never answered; the server lets go of it when it stops
-            soup_server_message_pause(msg);
-            return;
-        case HttpFault::ResetMidBody:
-            if (resource)
-                return resetMidBody(msg, *resource);
-            break;
-        default:
-            break;
-        }
-        if (!resource || fault.first == HttpFault::NotFound) {
-            soup_server_message_set_status(msg, SOUP_STATUS_NOT_FOUND, nullptr);
-            return;
-        }
+        if (fault.first == HttpFault::Redirect)
+            return soup_server_message_set_redirect(msg, SOUP_STATUS_FOUND, fault.second.c_str());
+        if (fault.first == HttpFault::Stall) // never answered; the server lets go of it when it stops
+            return soup_server_message_pause(msg);
+        if (fault.first == HttpFault::ServerError || !resource || fault.first == HttpFault::NotFound)
+            return soup_server_message_set_status(
+                msg, fault.first == HttpFault::ServerError ? SOUP_STATUS_INTERNAL_SERVER_ERROR : SOUP_STATUS_NOT_FOUND,
+                nullptr);
+        if (fault.first == HttpFault::ResetMidBody)
+            return resetMidBody(msg, *resource);
         soup_server_message_set_status(msg, SOUP_STATUS_OK, nullptr);
         soup_server_message_set_response(msg, resource->second.c_str(), SOUP_MEMORY_COPY, resource->first.data(),
                                          resource->first.size());
@@ -126,7 +105,12 @@ HttpTestServer::HttpTestServer() : d(std::make_unique<Private>())
     d->thread = std::thread([this, &started] {
         g_main_context_push_thread_default(d->context);
         d->server = soup_server_new("server-header", "lumiflux-test-server", nullptr);
-        soup_server_add_handler(d->server, nullptr, &Private::handle, d.get(), nullptr);
+        soup_server_add_handler(
+            d->server, nullptr,
+            [](SoupServer*, SoupServerMessage* msg, const char* path, GHashTable*, gpointer self) {
+                static_cast<Private*>(self)->respond(msg, path ? path : "");
+            },
+            d.get(), nullptr);
         GError* error = nullptr;
         if (!soup_server_listen_local(d->server, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, &error))
             g_error("test server: %s", error->message);
@@ -184,40 +168,34 @@ void HttpTestServer::serveDirectory(const std::string& prefix, const std::string
 
 void HttpTestServer::setFault(const std::string& prefix, HttpFault fault, const std::string& target)
 {
-    std::lock_guard<std::mutex> lock(d->mutex);
-    d->faults[prefix] = {fault, target};
+    std::lock_guard<std::mutex>(d->mutex), d->faults[prefix] = {fault, target};
 }
 
 void HttpTestServer::clearFaults()
 {
-    std::lock_guard<std::mutex> lock(d->mutex);
-    d->faults.clear();
+    std::lock_guard<std::mutex>(d->mutex), d->faults.clear();
 }
 
 std::vector<HttpRequest> HttpTestServer::requestsFor(const std::string& path) const
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     std::vector<HttpRequest> result;
-    for (const auto& r : d->received)
-        if (r.path == path)
-            result.push_back(r);
+    std::copy_if(d->received.begin(), d->received.end(), std::back_inserter(result),
+                 [&](const HttpRequest& r) { return r.path == path; });
     return result;
 }
 
 void HttpTestServer::clearRequests()
 {
-    std::lock_guard<std::mutex> lock(d->mutex);
-    d->received.clear();
+    std::lock_guard<std::mutex>(d->mutex), d->received.clear();
 }
 
 bool HttpTestServer::waitForRequests(const std::string& path, std::size_t count, int timeoutMs) const
 {
     std::unique_lock<std::mutex> lock(d->mutex);
     return d->changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        std::size_t n = 0;
-        for (const auto& r : d->received)
-            n += r.path == path;
-        return n >= count;
+        return std::count_if(d->received.begin(), d->received.end(),
+                             [&](const HttpRequest& r) { return r.path == path; }) >= std::ptrdiff_t(count);
     });
 }
 

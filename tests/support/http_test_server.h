@@ -17,8 +17,6 @@ struct HttpRequest {
     std::vector<std::pair<std::string, std::string>> headers; // in order, as the client spelled them
     /** Every value of a header (case-insensitive name). */
     std::vector<std::string> values(const std::string& name) const;
-    /** The first value of a header; "" when absent. */
-    std::string header(const std::string& name) const;
 };
 
 enum class HttpFault { None, NotFound, ServerError, ResetMidBody, Stall, Redirect };
