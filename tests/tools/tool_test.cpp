@@ -82,20 +82,6 @@ TEST(Tour, DefaultCommandRunsEveryStepToSuccess)
         EXPECT_FALSE(has(out, foreign)) << foreign << "\n" << out;
 }
 
-TEST(Tour, JsonCarriesEachStepsFacts)
-{
-    int status = -1;
-    const auto records = toolJson("tour", status);
-    EXPECT_EQ(status, 0);
-    const auto steps = events(records, "step");
-    ASSERT_EQ(steps.size(), 8u);
-    for (std::size_t i = 0; i < steps.size(); ++i)
-        EXPECT_TRUE(steps[i]["step"] == kSteps[i] && steps[i]["ok"] == true) << steps[i].dump();
-    EXPECT_EQ(last(records, "summary")["succeeded"], 8);
-    for (const char* name : {"module", "codec", "camera", "stream", "mediaInfo"})
-        EXPECT_FALSE(events(records, name).empty()) << name;
-}
-
 TEST(Play, SampleToTheEndWithItsTracksAtTwiceTheRate)
 {
     int status = -1;
@@ -238,12 +224,6 @@ TEST(Probe, MatchesFfprobeOnGeneratedStreams)
                       ref["r_frame_rate"]);
         else
             EXPECT_EQ(ours["frameRateDenominator"], 0);
-        const std::string out = tool("probe " + stream, status);
-        EXPECT_EQ(status, 0);
-        for (const std::string& part :
-             {std::string("display 330x250"), "profile " + ref["profile"].get<std::string>() + " (",
-              "access units: " + ref["nb_read_frames"].get<std::string>() + ", key frames: " + std::to_string(refKeys)})
-            EXPECT_TRUE(has(out, part)) << part << "\n" << out;
     }
 }
 
@@ -251,7 +231,7 @@ TEST(Json, EveryCommandWritesOnlyJsonObjects)
 {
     const std::string dir = lumiflux_test::freshDirectory("json");
     for (const std::string& arguments :
-         {std::string("plugins"), std::string("codecs"), std::string("cameras"),
+         {std::string("plugins"), std::string("codecs"), std::string("cameras"), std::string("tour"),
           "encode pattern -c h264 --frames 5 -o " + dir + "/p.h264", "decode " + dir + "/p.h264 -o " + dir + "/p.yuv",
           "probe " + dir + "/p.h264", "encode pattern -c vp8 --frames 5 -o " + dir + "/p.ivf"}) {
         int status = -1;
