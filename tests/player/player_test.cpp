@@ -202,10 +202,9 @@ TEST_F(PlayerMedia, TrackListAndSelection)
         {TrackType::Subtitles, "Subtitles 1 (fr)", "fr"}};
     ASSERT_EQ(info.tracks().size(), expected.size());
     for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(info.tracks()[i].id(), static_cast<int>(i));
-        EXPECT_EQ(info.tracks()[i].type(), std::get<0>(expected[i])) << i;
-        EXPECT_EQ(info.tracks()[i].name(), std::get<1>(expected[i]));
-        EXPECT_EQ(info.tracks()[i].tag<std::string>("language-code", ""), std::get<2>(expected[i]));
+        const TrackInfo& t = info.tracks()[i];
+        EXPECT_EQ(std::tuple(t.id(), t.type(), t.name(), t.tag<std::string>("language-code", "")),
+                  std::tuple_cat(std::tuple(static_cast<int>(i)), expected[i]));
     }
     EXPECT_NE(info.tracks()[0].codec().find("VP8"), std::string::npos) << info.tracks()[0].codec();
     EXPECT_TRUE(info.tracks()[0].flags() & TrackInfo::FlagSelectedByDefault);
@@ -401,8 +400,8 @@ TEST(PlayerCallbacks, APlayerDestroyedInsideItsCallbackLetsGoAtOnce)
             std::unique_ptr<Player> last = std::move(player);
             lock.unlock(), last.reset(), destroyed = true;
         });
-        std::unique_lock<std::mutex> lock(playerMutex);
-        player->play(uri), player->pause(), lock.unlock();
+        std::unique_lock<std::mutex> starting(playerMutex);
+        player->play(uri), player->pause(), starting.unlock();
         ASSERT_TRUE(listener.waitForAction());
         ASSERT_TRUE(destroyed.load());
         // Nothing may come after the destructor returned.
