@@ -1,13 +1,10 @@
-// The player against a real HTTP server on 127.0.0.1: headers on the wire,
-// faulty servers, many players and threads, destruction while busy.
+// The player against a real HTTP server on 127.0.0.1.
 
-#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <iostream>
-#include <map>
+#include <filesystem>
 #include <memory>
 #include <thread>
 
@@ -24,7 +21,6 @@ namespace {
 
 class Network : public ::testing::Test, protected ListenedPlayer {
 protected:
-    // The network media fixture: clip0..3.mkv (1 s each), and an HLS stream.
     Network()
     {
         const std::string dir = buildDir() + "/network-media";
@@ -33,7 +29,6 @@ protected:
         server.serveFile("/bad.mkv", dir + "/clip0.mkv");
         server.serveDirectory("/hls/", dir + "/hls");
     }
-    // Every request for `path` carries `name` with exactly `value`.
     void expectEveryRequestHas(const std::string& path, const std::string& name, const std::string& value)
     {
         const auto requests = server.requestsFor(path);
@@ -48,7 +43,7 @@ using PlayerHttpHeaders = Network;
 
 TEST_F(PlayerHttpHeaders, OnEveryRequestOfAProgressiveDownloadAndAfterSetHttpHeaders)
 {
-    // With the pipeline in NULL the only request is the discoverer's: it tells the duration.
+    // Only the discoverer asks while the pipeline is in NULL.
     player.setUri(server.url("/clip3.mkv"), {{"User-Agent", "LumifluxTest/1.0"}, {"X-Session", "discover"}});
     ASSERT_TRUE(listener.waitFor([&] { return !listener.durations.empty(); }));
     expectEveryRequestHas("/clip3.mkv", "User-Agent", "LumifluxTest/1.0");
@@ -56,8 +51,7 @@ TEST_F(PlayerHttpHeaders, OnEveryRequestOfAProgressiveDownloadAndAfterSetHttpHea
     EXPECT_EQ(player.getState(), PlayerState::Empty);
     EXPECT_GT(listener.snapshot(listener.durations).front(), 900ms);
 
-    // A later header of the same name wins; gzip and "Close" replace the
-    // client's own; "close" and "identity" turn keep-alive and compression off.
+    // The last of a name wins; "close" and "identity" turn keep-alive and compression off.
     const struct {
         const char* path;
         HttpHeaders headers;
@@ -103,13 +97,12 @@ TEST_F(PlayerHttpHeaders, HlsPlaylistAndSegmentsCarryTheHeaders)
     EXPECT_GE(server.requestsFor("/hls/playlist.m3u8").size(), 2u);
     expectEveryRequestHas("/hls/playlist.m3u8", "User-Agent", "LumifluxHls/1.0");
     expectEveryRequestHas("/hls/playlist.m3u8", "X-Hls", "yes");
-    // The playing demuxer's own client takes over only the User-Agent; the
-    // discoverer's demuxer fetches through HTTP sources, which get every header.
+    // The playing demuxer's own client takes only the User-Agent; the discoverer's HTTP sources get every header.
     for (const char* segment : {"/hls/segment00000.ts", "/hls/segment00001.ts"})
         expectEveryRequestHas(segment, "User-Agent", "LumifluxHls/1.0");
     const auto first = server.requestsFor("/hls/segment00000.ts");
     EXPECT_TRUE(std::any_of(first.begin(), first.end(), [](const HttpRequest& r) {
-        return r.header("X-Hls") == "yes";
+        return r.values("X-Hls") == std::vector<std::string>{"yes"};
     })) << "the discoverer's segment request lacks the application's header";
 }
 
@@ -137,9 +130,7 @@ TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
 {
     // A port on 127.0.0.1 that nothing listens on: bound, never listened to.
     const int closed = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof address;
     bind(closed, reinterpret_cast<sockaddr*>(&address), length);
     getsockname(closed, reinterpret_cast<sockaddr*>(&address), &length);
@@ -167,8 +158,7 @@ TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
         SCOPED_TRACE(c.what);
         listener.clear();
         server.setFault(c.faulty, c.fault, c.faulty);
-        player.play(c.uri[0] == '/' ? server.url(c.uri) : c.uri + "/clip0.mkv");
-        player.pause();
+        player.play(c.uri[0] == '/' ? server.url(c.uri) : c.uri + "/clip0.mkv"), player.pause();
         ASSERT_TRUE(listener.waitFor([&] { return !listener.errors.empty(); }));
         const auto error = listener.snapshot(listener.errors).front();
         EXPECT_EQ(error.error, c.expected) << toString(error.error) << ": " << error.message;
@@ -182,8 +172,7 @@ TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
     // stop() leaves a stalled server (both requests hang) long before any HTTP timeout.
     server.clearRequests();
     server.setFault("/bad.mkv", HttpFault::Stall);
-    player.play(server.url("/bad.mkv"));
-    player.pause();
+    player.play(server.url("/bad.mkv")), player.pause();
     ASSERT_TRUE(server.waitForRequests("/bad.mkv", 2));
     player.stop();
     const auto start = std::chrono::steady_clock::now();
@@ -194,95 +183,26 @@ TEST_F(Network, FaultsGiveTheirErrorAndThePlayerRecovers)
 
 using PlayerLoad = Network;
 
-TEST_F(PlayerLoad, SixteenPlayersPlayAtOnce)
-{
-    std::vector<std::unique_ptr<ListenedPlayer>> sessions(16);
-    // Four different clips, and the HLS stream for the last player (its
-    // fragment downloads fail now and then when the machine is overloaded).
-    for (size_t i = 0; i < sessions.size(); ++i) {
-        sessions[i] = std::make_unique<ListenedPlayer>();
-        sessions[i]->player.play(server.url(i == 15 ? "/hls/playlist.m3u8" : "/clip" + std::to_string(i % 4) + ".mkv"));
-        sessions[i]->player.pause();
-    }
-    for (size_t i = 0; i < sessions.size(); ++i) {
-        auto& heard = sessions[i]->listener;
-        EXPECT_TRUE(heard.waitForState(PlayerState::EOS, 120s)) << "player " << i;
-        const auto errors = heard.snapshot(heard.errors);
-        EXPECT_TRUE(errors.empty()) << "player " << i << ": " << (errors.empty() ? "" : errors[0].message);
-    }
-}
-
-// Destroyed wherever they have got to; every tenth as the server answers,
-// while the HTTP source reads the answer (that used to crash the HTTP library).
+// Every tenth destroyed while the HTTP source reads the answer (that used to crash the HTTP library).
 TEST_F(PlayerLoad, TwoHundredCreatePlayPauseDestroyCycles)
 {
     for (int cycle = 0; cycle < 200; ++cycle) {
         const std::string path = "/clip" + std::to_string(cycle % 4) + ".mkv";
         const size_t before = server.requestsFor(path).size();
         Player brief;
-        brief.play(server.url(path));
-        brief.pause();
+        brief.play(server.url(path)), brief.pause();
         EXPECT_TRUE(cycle % 10 || server.waitForRequests(path, before + 1)) << "cycle " << cycle;
     }
     EXPECT_TRUE(playsToEnd(server.url("/clip0.mkv")));
 }
 
-TEST_F(PlayerLoad, EightApplicationThreadsKeepTheirOrder)
-{
-    player.setUri(server.url("/clip0.mkv"));
-    player.pause();
-    ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
-    ASSERT_TRUE(listener.waitFor([&] { return !listener.mediaInfos.empty(); }));
-    // One stream: "Unknown track id: " cut by the identifier tells it back.
-    // Thread t selects {2 + t, 10 + i} in its i-th call.
-    constexpr int kThreads = 8, kCalls = 8;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([this, t] {
-            for (int i = 0; i < kCalls; ++i) {
-                player.selectTracks({2 + t, 10 + i});
-                player.setMute(i % 2 == 0);
-                player.setPlaybackRate(i % 2 ? 1.0 : 1.5);
-                player.seek(std::chrono::milliseconds(100 * i));
-                player.setHttpHeaders({{"X-Thread", std::to_string(t)}});
-            }
-        });
-    for (auto& thread : threads)
-        thread.join();
-    // In queue order: all of the above has run once this last failure arrives.
-    player.selectTracks({});
-    ASSERT_TRUE(listener.waitFor([&] {
-        return std::count_if(listener.errors.begin(), listener.errors.end(), [](const RecordedError& e) {
-                   return e.error == PlayerError::SelectTracksFailed;
-               }) > kThreads * kCalls * 3;
-    }));
-    std::map<int, std::vector<int>> callsByThread;
-    int thread = -1;
-    for (const auto& error : listener.snapshot(listener.errors)) {
-        // A seek may fail as well on a slow machine.
-        if (error.error != PlayerError::SelectTracksFailed || error.message == "Trying to select 0 streams")
-            continue;
-        const int id = 18 - static_cast<int>(error.message.size());
-        if (thread < 0)
-            thread = id - 2;
-        else
-            callsByThread[std::exchange(thread, -1)].push_back(id - 10);
-    }
-    for (int t = 0; t < kThreads; ++t)
-        EXPECT_EQ(callsByThread[t], (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7})) << "thread " << t;
-}
-
 // Blocks in the first state callback for a while, on whichever thread the player calls it.
-class BlockingListener : public RecordingListener {
-public:
+struct BlockingListener : RecordingListener {
     void onStateChanged(PlayerState from, PlayerState to) override
     {
-        if (!claimed.exchange(true)) {
-            callbackThread = std::this_thread::get_id();
-            entered = true;
-            std::this_thread::sleep_for(500ms);
+        if (!claimed.exchange(true))
+            callbackThread = std::this_thread::get_id(), entered = true, std::this_thread::sleep_for(500ms),
             left = true;
-        }
         RecordingListener::onStateChanged(from, to);
     }
     std::atomic<bool> claimed{false}, entered{false}, left{false};
@@ -292,20 +212,15 @@ public:
 int threadsAtMost(int limit) // waits (10 s at most) for GStreamer's pooled threads to wind down
 {
     for (int i = 0;; ++i) {
-        int count = 0;
-        DIR* dir = opendir("/proc/self/task");
-        while (const dirent* entry = readdir(dir))
-            count += entry->d_name[0] != '.';
-        closedir(dir);
+        const int count = std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
         if (count <= limit || i == 200)
             return count;
         std::this_thread::sleep_for(50ms);
     }
 }
 
-// Far below the discoverer's and any HTTP timeout, and with no thread left.
-// On a stalled server the destructor waits once, briefly, for an answer on
-// its way (cancelling a request while its answer is read crashes the HTTP library).
+// Far below any HTTP timeout, with no thread left. On a stalled server the destructor waits once, briefly,
+// for an answer on its way (cancelling a request while its answer is read crashes the HTTP library).
 TEST_F(Network, PlayerDestructionWhileBusyIsPromptAndLeavesNoThread)
 {
     // What GStreamer creates once per process (and keeps) is there before threads are counted.
@@ -346,10 +261,7 @@ TEST_F(Network, PlayerDestructionWhileBusyIsPromptAndLeavesNoThread)
         EXPECT_EQ(blocking.entered, c.block);
         const auto start = std::chrono::steady_clock::now();
         busy.reset();
-        const auto took =
-            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-        std::cout << "~Player " << c.what << ": " << took.count() << " ms" << std::endl;
-        EXPECT_LT(took, c.limit);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, c.limit);
         EXPECT_EQ(blocking.left, blocking.entered) << "the callback was cut short";
         EXPECT_NE(blocking.callbackThread, std::this_thread::get_id());
         server.clearFaults();

@@ -1,5 +1,4 @@
-// Internal pieces on real GStreamer elements and types: HTTP headers on
-// elements, tags as typed values, GStreamer errors in the player's terms.
+// HTTP headers on real GStreamer elements, tags as typed values, GStreamer errors in the player's terms.
 
 #include <map>
 #include <string>
@@ -21,32 +20,6 @@ using Internal::Ref;
 
 namespace {
 
-// An element with the "auth-headers" structure property of our HTTP
-// elements, and nothing else. The value lives in the object's data.
-struct AuthElement {
-    GstElement parent;
-};
-struct AuthElementClass {
-    GstElementClass parent;
-};
-G_DEFINE_TYPE(AuthElement, auth_element, GST_TYPE_ELEMENT)
-void auth_element_init(AuthElement*) {}
-void auth_element_class_init(AuthElementClass* klass)
-{
-    GObjectClass* object = G_OBJECT_CLASS(klass);
-    object->set_property = [](GObject* self, guint, const GValue* value, GParamSpec*) {
-        const GstStructure* s = gst_value_get_structure(value);
-        g_object_set_data_full(self, "auth-headers", s ? gst_structure_copy(s) : nullptr,
-                               reinterpret_cast<GDestroyNotify>(gst_structure_free));
-    };
-    object->get_property = [](GObject* self, guint, GValue* value, GParamSpec*) {
-        gst_value_set_structure(value, static_cast<GstStructure*>(g_object_get_data(self, "auth-headers")));
-    };
-    g_object_class_install_property(object, 1,
-                                    g_param_spec_boxed("auth-headers", "auth", "auth", GST_TYPE_STRUCTURE,
-                                                       static_cast<GParamFlags>(G_PARAM_READWRITE)));
-}
-
 class PlayerInternals : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
@@ -64,7 +37,6 @@ Ref<GstElement> make(const char* factory)
 }
 
 using Fields = std::map<std::string, std::string>;
-// The fields of a structure property, which must carry the property's name.
 Fields fields(GstElement* element, const char* property)
 {
     Ref<GstStructure> s;
@@ -78,14 +50,7 @@ Fields fields(GstElement* element, const char* property)
     return result;
 }
 
-std::string userAgent(GstElement* element)
-{
-    g_autofree gchar* value = nullptr;
-    g_object_get(element, "user-agent", &value, nullptr);
-    return value ? value : "";
-}
-
-TEST_F(PlayerInternals, HttpHeadersBecomePropertiesExtraOrAuthHeadersOrAreRefused)
+TEST_F(PlayerInternals, HttpHeadersBecomePropertiesOrExtraHeadersOrAreRefused)
 {
     auto src = make("souphttpsrc");
     ASSERT_TRUE(src);
@@ -101,9 +66,10 @@ TEST_F(PlayerInternals, HttpHeadersBecomePropertiesExtraOrAuthHeadersOrAreRefuse
                                             {"X-Bad\n", "v"},
                                             {"User-Agent", std::string("ua\0x", 4)}});
     gboolean keepAlive = TRUE, compress = TRUE;
-    g_object_get(src.get(), "keep-alive", &keepAlive, "compress", &compress, nullptr);
+    g_autofree gchar* userAgent = nullptr;
+    g_object_get(src.get(), "keep-alive", &keepAlive, "compress", &compress, "user-agent", &userAgent, nullptr);
     EXPECT_FALSE(keepAlive || compress);
-    EXPECT_EQ(userAgent(src.get()), "LumifluxTest/1.0");
+    EXPECT_STREQ(userAgent, "LumifluxTest/1.0");
     // Special headers turned into properties stay out; a later header of the same name wins.
     EXPECT_EQ(fields(src.get(), "extra-headers"), (Fields{{"Authorization", "Bearer abc"}, {"X-Trace", "2"}}));
     EXPECT_EQ(syslogRecordsContaining("-- extraHeaders: extra-headers, ").size(), 1u);
@@ -116,12 +82,7 @@ TEST_F(PlayerInternals, HttpHeadersBecomePropertiesExtraOrAuthHeadersOrAreRefuse
     EXPECT_EQ(fields(src.get(), "extra-headers"),
               (Fields{{"Authorization", "Bearer abc"}, {"X-Trace", "2"}, {"Cookie", "a=b"}}));
 
-    // "auth-headers" comes first; without a "user-agent" property the header goes in there.
-    auto auth =
-        Ref<GstElement>::adopt(GST_ELEMENT(gst_object_ref_sink(g_object_new(auth_element_get_type(), nullptr))));
-    Internal::updateHttpHeaders(auth.get(), {{"User-Agent", "ua"}, {"Authorization", "x"}});
-    EXPECT_EQ(fields(auth.get(), "auth-headers"), (Fields{{"User-Agent", "ua"}, {"Authorization", "x"}}));
-    // An element with neither structure drops them.
+    // An element without extra headers drops them.
     auto demux = make("hlsdemux2");
     clearSyslog();
     Internal::updateHttpHeaders(demux.get(), {{"Authorization", "x"}});
@@ -151,18 +112,12 @@ TEST_F(PlayerInternals, TagListBecomesTypedTagsWithDebugLines)
 
     EXPECT_EQ(track.lang(), "de") << "the first value of a tag";
     EXPECT_EQ(track.tag<std::uint32_t>(GST_TAG_BITRATE, 0), 128000u);
-    EXPECT_EQ(track.tag<double>(GST_TAG_BEATS_PER_MINUTE, 0), 120.5);
-    EXPECT_EQ(track.tag<bool>("lumiflux-test-bool", false), true);
-    EXPECT_EQ(track.tag<std::int32_t>("lumiflux-test-int", 0), -7);
     EXPECT_EQ(track.tag<std::int64_t>("lumiflux-test-int64", 0), -5000000000);
-    EXPECT_EQ(track.tag<std::uint64_t>("lumiflux-test-uint64", 0), 9000000000u);
-    EXPECT_EQ(track.tag<float>("lumiflux-test-float", 0), 0.25f);
     EXPECT_EQ(track.findTag(GST_TAG_DATE_TIME), nullptr) << "types without a typed value are not stored";
     // The stored type decides; a different type asked for gives the fallback.
     EXPECT_EQ(track.tag<std::int32_t>(GST_TAG_BITRATE, 42), 42);
     EXPECT_EQ(track.tag("missing", "none"), "none");
     EXPECT_EQ(track.tagAsString("missing"), "");
-    // Visited by tag name, as text.
     std::string all;
     track.forEachTagAsString(
         [&](const std::string& name, const std::string& value) { all += name + "=" + value + ","; });
@@ -180,15 +135,12 @@ TEST_F(PlayerInternals, TagListBecomesTypedTagsWithDebugLines)
     }
 }
 
+// NotFound, ReadFailed, SeekFailed and StreamFailed come from real sources in the network and media tests.
 TEST_F(PlayerInternals, GStreamerErrorsMapToPlayerErrors)
 {
     const std::tuple<GQuark, int, PlayerError> cases[] = {
-        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NOT_FOUND, PlayerError::NotFound},
         {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_BUSY, PlayerError::ResourceBusy},
-        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_READ, PlayerError::ReadFailed},
-        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_SEEK, PlayerError::SeekFailed},
         {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE, PlayerError::ResourceFailed},
-        {GST_STREAM_ERROR, GST_STREAM_ERROR_DECODE, PlayerError::StreamFailed},
         {GST_CORE_ERROR, GST_CORE_ERROR_MISSING_PLUGIN, PlayerError::Unknown},
         {GST_LIBRARY_ERROR, GST_LIBRARY_ERROR_INIT, PlayerError::Unknown}};
     for (const auto& [domain, code, expected] : cases) {

@@ -1,12 +1,13 @@
-// The player on real playbin3 pipelines playing media made at test time:
-// states, positions, durations, seeks, settings, the task queue, tracks and
-// their selection, broken media, fd:// sources and the frames handed over.
+// The player on real playbin3 pipelines playing media made at test time.
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <future>
 #include <memory>
+#include <numeric>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 
 #include "recording_listener.h"
 #include "syslog_capture.h"
+#include "watchdog.h"
 
 using namespace std::chrono_literals;
 using namespace lumiflux_test;
@@ -38,9 +40,7 @@ TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
     EXPECT_FALSE(listener.waitForState(PlayerState::Playing, 1500ms));
     EXPECT_EQ(listener.snapshot(listener.states), std::vector<PlayerState>{PlayerState::Paused});
     // Stop resets mute, repeat and rate; with no pipeline, transport calls report nothing.
-    player.setMute(true);
-    player.setAutoRepeat(true);
-    player.setPlaybackRate(2.0);
+    player.setMute(true), player.setAutoRepeat(true), player.setPlaybackRate(2.0);
     ASSERT_TRUE(player.getMute() && player.getAutoRepeat() && player.getPlaybackRate() == 2.0);
     player.stop();
     ASSERT_TRUE(listener.drain(player));
@@ -48,9 +48,7 @@ TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
     EXPECT_FALSE(player.getMute() || player.getAutoRepeat());
     EXPECT_EQ(player.getPlaybackRate(), 1.0);
     listener.clear();
-    player.play();
-    player.pause();
-    player.seek(1s);
+    player.play(), player.pause(), player.seek(1s);
     ASSERT_TRUE(listener.drain(player));
     EXPECT_EQ(listener.snapshot(listener.errors).size(), 1u);
     EXPECT_TRUE(listener.snapshot(listener.states).empty());
@@ -73,8 +71,7 @@ TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
         EXPECT_NEAR(seconds(d), 3.0, 0.15);
 
     // Paused after the end: no positions, and the getters say what the callbacks said.
-    player.seek(0us);
-    player.play();
+    player.seek(0us), player.play();
     ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
     player.pause();
     ASSERT_TRUE(listener.waitForState(PlayerState::Paused));
@@ -87,9 +84,7 @@ TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
 
     // The first position while playing after a seek is where it was asked;
     // with auto-repeat the medium then starts over with no EOS or pause.
-    player.seek(2s);
-    player.play();
-    player.setAutoRepeat(true);
+    player.seek(2s), player.play(), player.setAutoRepeat(true);
     size_t first = atPause;
     ASSERT_TRUE(listener.waitFor([&] {
         while (first < listener.positions.size() && listener.positionStates[first] != PlayerState::Playing)
@@ -97,8 +92,7 @@ TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
         return first < listener.positions.size();
     }));
     const auto landed = listener.snapshot(listener.positions)[first];
-    EXPECT_GE(landed, 1950ms);
-    EXPECT_LT(landed, 2600ms);
+    EXPECT_TRUE(landed >= 1950ms && landed < 2600ms) << landed.count();
     ASSERT_TRUE(listener.waitFor([&] {
         return std::any_of(listener.positions.begin() + first, listener.positions.end(), [](auto p) { return p < 1s; });
     })) << "no restart";
@@ -116,13 +110,11 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
     HookedListener listener;
     auto player = std::make_unique<Player>();
     player->setListener(&listener);
-    // Holds the player thread inside the callback of a failing selection
-    // while the test queues tasks, so that "before the thread runs" is a fact.
+    // Holds the player thread inside a failing selection's callback while the test queues tasks.
     std::atomic<bool> released{false};
     const auto hold = [&] {
         const size_t errors = listener.snapshot(listener.errors).size();
         released = false;
-        // Not in a callback still under way when this is armed.
         listener.arm(
             OnError,
             [&] {
@@ -137,13 +129,9 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
     std::shared_ptr<void> releaseOnExit(nullptr, [&](void*) { released = true; });
     ASSERT_TRUE(hold());
     clearSyslog();
-    player->setMute(true);
-    player->setMute(false);
-    player->seek(1s);
-    player->seek(2s);
+    player->setMute(true), player->setMute(false), player->seek(1s), player->seek(2s);
     player->setPlaybackRate(1.0); // the current rate: nothing to do
-    player->setPlaybackRate(0.5);
-    player->setPlaybackRate(2.0);
+    player->setPlaybackRate(0.5), player->setPlaybackRate(2.0);
     released = true;
     ASSERT_TRUE(listener.drain(*player));
     const auto count = [](const std::string& text) { return syslogRecordsContaining(text).size(); };
@@ -163,9 +151,7 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
     ASSERT_TRUE(hold());
     const size_t errors = listener.snapshot(listener.errors).size();
     clearSyslog();
-    player->play();
-    player->seek(1s);
-    player->setUri(mediaUri("missing.mkv"));
+    player->play(), player->seek(1s), player->setUri(mediaUri("missing.mkv"));
     auto destroyed = std::async(std::launch::async, [&] { player.reset(); });
     // Ordering only: the destructor's quit request, which outranks tasks, comes first.
     std::this_thread::sleep_for(300ms);
@@ -193,8 +179,7 @@ TEST_F(PlayerMedia, TrackListAndSelection)
 {
     const std::string uri = mediaUri("media.mkv");
     clearSyslog();
-    player.setUri(uri, {{"X-Test", "1"}});
-    player.pause();
+    player.setUri(uri, {{"X-Test", "1"}}), player.pause();
     // The subtitle's language comes with its data: a later track list completes it.
     ASSERT_TRUE(listener.waitFor([&] {
         if (listener.mediaInfos.empty())
@@ -217,17 +202,15 @@ TEST_F(PlayerMedia, TrackListAndSelection)
         {TrackType::Subtitles, "Subtitles 1 (fr)", "fr"}};
     ASSERT_EQ(info.tracks().size(), expected.size());
     for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(info.tracks()[i].id(), static_cast<int>(i));
-        EXPECT_EQ(info.tracks()[i].type(), std::get<0>(expected[i])) << i;
-        EXPECT_EQ(info.tracks()[i].name(), std::get<1>(expected[i]));
-        EXPECT_EQ(info.tracks()[i].tag<std::string>("language-code", ""), std::get<2>(expected[i]));
+        const TrackInfo& t = info.tracks()[i];
+        EXPECT_EQ(std::tuple(t.id(), t.type(), t.name(), t.tag<std::string>("language-code", "")),
+                  std::tuple_cat(std::tuple(static_cast<int>(i)), expected[i]));
     }
     EXPECT_NE(info.tracks()[0].codec().find("VP8"), std::string::npos) << info.tracks()[0].codec();
     EXPECT_TRUE(info.tracks()[0].flags() & TrackInfo::FlagSelectedByDefault);
 
     // Streams switch while data flows: keep the short medium playing.
-    player.play();
-    player.setAutoRepeat(true);
+    player.play(), player.setAutoRepeat(true);
     ASSERT_TRUE(listener.waitFor([&] { return !listener.selections.empty(); }));
     const auto initial = listener.snapshot(listener.selections).back();
     EXPECT_NE(std::find(initial.begin(), initial.end(), 0), initial.end());
@@ -236,9 +219,7 @@ TEST_F(PlayerMedia, TrackListAndSelection)
     EXPECT_EQ(select({1, 0, 2}), (std::vector<int>{0, 1}));
     EXPECT_TRUE(listener.snapshot(listener.errors).empty());
     // Exact texts: "Unknown track id: " cut short by the identifier, then the empty selection's.
-    player.selectTracks({});
-    player.selectTracks({7});
-    player.selectTracks({5, 25});
+    player.selectTracks({}), player.selectTracks({7}), player.selectTracks({5, 25});
     ASSERT_TRUE(listener.waitFor([&] { return listener.errors.size() >= 6; }));
     std::vector<std::string> messages;
     for (const auto& e : listener.snapshot(listener.errors)) {
@@ -264,8 +245,7 @@ TEST_F(PlayerMedia, BrokenMediaGiveTheirErrorAndThePlayerStaysUsable)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.uri);
         listener.clear();
-        player.play(c.uri);
-        player.pause();
+        player.play(c.uri), player.pause();
         ASSERT_TRUE(listener.waitFor([&] { return !listener.errors.empty(); }));
         const auto error = listener.snapshot(listener.errors).front();
         EXPECT_EQ(error.error, c.expected) << toString(error.error) << ": " << error.message;
@@ -274,19 +254,16 @@ TEST_F(PlayerMedia, BrokenMediaGiveTheirErrorAndThePlayerStaysUsable)
         player.stop();
         ASSERT_TRUE(listener.drain(player));
     }
-    ::close(pipe[1]);
-    ::close(pipe[0]);
+    ::close(pipe[1]), ::close(pipe[0]);
     // A truncated file ends or fails, but never hangs.
     listener.clear();
-    player.play(mediaUri("truncated.mkv"));
-    player.pause();
+    player.play(mediaUri("truncated.mkv")), player.pause();
     ASSERT_TRUE(listener.waitFor(
         [&] { return !listener.errors.empty() || listener.sawAfter(PlayerState::Paused, PlayerState::EOS); }));
     EXPECT_TRUE(playsToEnd(mediaUri("media.mkv")));
 }
 
-class KeepingSink : public VideoSink {
-public:
+struct KeepingSink : VideoSink {
     void onFrame(const VideoFrame& frame, bool preroll) override
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -328,27 +305,185 @@ TEST(PlayerFrames, FdUriPlaysWithoutDiscoveryAndFramesOutliveThePlayer)
     ASSERT_GE(kept.size(), 85u);
     std::int64_t last = -1;
     for (const auto& frame : kept) {
-        EXPECT_EQ(frame.trackId, 0);
-        EXPECT_EQ(frame.format, fourcc('N', 'V', '1', '2'));
-        EXPECT_EQ(frame.width, 320u);
-        EXPECT_EQ(frame.height, 240u);
-        EXPECT_GT(frame.timestamp.count(), last);
+        EXPECT_TRUE(frame.trackId == 0 && frame.format == fourcc('N', 'V', '1', '2') && frame.width == 320u &&
+                    frame.height == 240u && frame.timestamp.count() > last);
         last = frame.timestamp.count();
     }
     // The pixels, now that the player, its pipeline and its factories are gone.
-    ASSERT_TRUE(view);
-    ASSERT_EQ(view->width, 320u);
-    ASSERT_EQ(view->height, 240u);
+    ASSERT_TRUE(view && view->width == 320u && view->height == 240u);
     std::uint64_t luma = 0;
     for (unsigned row = 0; row < view->height; ++row)
-        for (unsigned x = 0; x < view->width; ++x)
-            luma += view->y[row * view->yStride + x];
+        luma = std::accumulate(view->y + row * view->yStride, view->y + row * view->yStride + view->width, luma);
     EXPECT_GT(luma, 0u) << "the test pattern is not black";
-    for (size_t i = 1; i < kept.size(); ++i) {
-        auto mapped = kept[i].buffer->mapFrame();
-        ASSERT_TRUE(mapped && mapped->planes[0].data) << "frame " << i;
-        EXPECT_EQ(mapped->fourcc, static_cast<std::uint32_t>(fourcc('N', 'V', '1', '2')));
+    auto mapped = kept.back().buffer->mapFrame();
+    ASSERT_TRUE(mapped && mapped->planes[0].data);
+    EXPECT_EQ(mapped->fourcc, static_cast<std::uint32_t>(fourcc('N', 'V', '1', '2')));
+}
+
+// What an application may do from inside the player's callbacks; a watchdog names the case that deadlocks.
+constexpr auto kCaseLimit = 40s;
+
+TEST(PlayerCallbacks, CallsFromCallbacksAreQueuedAndThePlayerGoesOn)
+{
+    const std::pair<const char*, std::function<void(Player&)>> calls[] = {
+        {"selectTracks({})", [](Player& p) { p.selectTracks({}); }},
+        {"seek", [](Player& p) { p.seek(500ms); }},
+        {"pause", [](Player& p) { p.pause(); }}};
+    // Outlives the player: a case that fails leaves its destructor to hang.
+    Watchdog whole("the re-entry cases and the player's teardown", 4 * kCaseLimit);
+    HookedListener listener;
+    Player player;
+    player.setListener(&listener);
+    {
+        // Made while the pipeline still prerolls and adds its pads (it once hung there one time in five).
+        Watchdog watchdog("selectTracks from onMediaInfo during the preroll", kCaseLimit);
+        listener.arm(OnMediaInfo, [&] { player.selectTracks({0, 2}); });
+        player.play(mediaUri("media.mkv")), player.pause();
+        ASSERT_TRUE(listener.waitForState(PlayerState::Playing));
+        player.setAutoRepeat(true);
+        ASSERT_TRUE(listener.waitFor([&] {
+            const auto& s = listener.selections;
+            return !s.empty() && std::find(s.back().begin(), s.back().end(), 2) != s.back().end();
+        }));
     }
+    for (Hook hook : {OnError, OnPosition, OnState}) {
+        for (const auto& [callName, call] : calls) {
+            const std::string name = std::string(callName) + " from " + kHookNames[hook];
+            SCOPED_TRACE(name);
+            Watchdog watchdog(name, kCaseLimit);
+            // Playing again, whatever the case before left: positions move.
+            const size_t positions = listener.snapshot(listener.positions).size();
+            player.play();
+            ASSERT_TRUE(listener.waitFor([&] { return listener.positions.size() > positions + 1; }));
+            listener.arm(hook, [&player, &call = call] { call(player); });
+            if (hook == OnError)
+                player.selectTracks({}); // fails, on the player thread
+            else if (hook == OnState)
+                player.pause();
+            ASSERT_TRUE(listener.waitForAction());
+            EXPECT_TRUE(listener.drain(player));
+        }
+    }
+    // Takes effect at once: the old listener hears nothing more.
+    Watchdog watchdog("setListener from onError", kCaseLimit);
+    RecordingListener next;
+    listener.arm(OnError, [&] { player.setListener(&next); });
+    player.selectTracks({});
+    ASSERT_TRUE(listener.waitForAction());
+    const size_t heard = listener.snapshot(listener.errors).size();
+    EXPECT_TRUE(next.drain(player));
+    EXPECT_EQ(listener.snapshot(listener.errors).size(), heard);
+    player.setListener(nullptr);
+}
+
+TEST(PlayerCallbacks, APlayerDestroyedInsideItsCallbackLetsGoAtOnce)
+{
+    const std::string media = mediaUri("media.mkv");
+    // Last, a pipeline error and an error the player thread reports itself.
+    const std::pair<Hook, std::string> cases[] = {{OnState, media},
+                                                  {OnPosition, media},
+                                                  {OnMediaInfo, media},
+                                                  {OnFrame, media},
+                                                  {OnError, mediaUri("missing.mkv")},
+                                                  {OnError, "relative/clip.mkv"}};
+    for (const auto& [hook, uri] : cases) {
+        const std::string name = std::string("destroyed from ") + kHookNames[hook] + " playing " + uri;
+        SCOPED_TRACE(name);
+        Watchdog watchdog(name, kCaseLimit);
+        HookedListener listener;
+        auto player = std::make_unique<Player>();
+        std::mutex playerMutex;
+        std::atomic<bool> destroyed{false};
+        player->setListener(&listener), player->setVideoSink(&listener);
+        listener.arm(hook, [&] {
+            std::unique_lock<std::mutex> lock(playerMutex);
+            std::unique_ptr<Player> last = std::move(player);
+            lock.unlock(), last.reset(), destroyed = true;
+        });
+        std::unique_lock<std::mutex> starting(playerMutex);
+        player->play(uri), player->pause(), starting.unlock();
+        ASSERT_TRUE(listener.waitForAction());
+        ASSERT_TRUE(destroyed.load());
+        // Nothing may come after the destructor returned.
+        const auto heard = [&] {
+            std::lock_guard<std::mutex> lock(listener.mutex);
+            return listener.states.size() + listener.errors.size() + listener.positions.size() + listener.frames;
+        };
+        const size_t calls = heard();
+        std::this_thread::sleep_for(300ms);
+        EXPECT_EQ(heard(), calls);
+    }
+    Watchdog watchdog("a new player after the destructions", kCaseLimit);
+    ListenedPlayer session;
+    EXPECT_TRUE(session.start(mediaUri("media.mkv")));
+}
+
+// The sink given up is not in a call once setVideoSink returns, and is never called again.
+TEST(PlayerCallbacks, SetVideoSinkWaitsForTheFrameUnderWay)
+{
+    struct SlowSink : VideoSink {
+        void onFrame(const VideoFrame&, bool) override
+        {
+            inCall = true;
+            std::this_thread::sleep_for(300ms);
+            ++calls, inCall = false;
+        }
+        std::atomic<bool> inCall{false};
+        std::atomic<int> calls{0};
+    };
+    Watchdog watchdog("setVideoSink during a frame", kCaseLimit);
+    SlowSink sink;
+    ListenedPlayer session;
+    session.player.setVideoSink(&sink), session.player.play(mediaUri("media.mkv")), session.player.pause();
+    while (!sink.inCall.load())
+        std::this_thread::sleep_for(5ms);
+    session.player.setVideoSink(nullptr);
+    EXPECT_FALSE(sink.inCall.load());
+    const int calls = sink.calls.load();
+    EXPECT_GE(calls, 1);
+    std::this_thread::sleep_for(700ms);
+    EXPECT_EQ(sink.calls.load(), calls);
+}
+
+// The audio path against a PulseAudio daemon of the test's own (null sink, private socket), read back with pactl.
+TEST(PlayerPulse, StreamCarriesMediaRoleAndMutes)
+{
+    const std::string dir = freshDirectory("pulse"), socket = dir + "/native";
+    // Output in a file: CTest waits for the pipes to close. It ends itself once idle for 30 s. Per-user mode
+    // even as root: --system would use the machine-wide socket and configuration.
+    std::string pid;
+    ASSERT_EQ(runCommand("env -i XDG_RUNTIME_DIR=" + dir + " HOME=" + dir + " PATH=\"$PATH\" pulseaudio -n " +
+                             "--daemonize=no --exit-idle-time=30 --use-pid-file=no --log-target=stderr " +
+                             "-L 'module-null-sink sink_name=lumiflux_null' -L 'module-native-protocol-unix socket=" +
+                             socket + " auth-anonymous=1' > " + dir + "/pulseaudio.log 2>&1 & echo -n $!",
+                         &pid),
+              0);
+    std::shared_ptr<void> stop(nullptr, [&](void*) { kill(std::stoi(pid), SIGTERM); });
+    std::string out;
+    const auto pactl = [&](const std::string& command, const std::string& text) {
+        for (int i = 0; i < 300; ++i) {
+            runCommand("LC_ALL=C PULSE_SERVER=unix:" + socket + " pactl " + command + " 2>&1", &out);
+            if (out.find(text) != std::string::npos)
+                return true;
+            std::this_thread::sleep_for(100ms);
+        }
+        return false;
+    };
+    ASSERT_TRUE(pactl("info", "Server Name"))
+        << "no sound server (scripts/install-deps installs pulseaudio); see " << dir << "/pulseaudio.log\n"
+        << out;
+    setenv("PULSE_SERVER", ("unix:" + socket).c_str(), 1);
+    ListenedPlayer session;
+    ASSERT_TRUE(session.start(mediaUri("media.mkv")));
+    session.player.setAutoRepeat(true);
+    ASSERT_TRUE(pactl("list sink-inputs", "media.role")) << out;
+    EXPECT_NE(out.find("media.role = \"x-tollan\""), std::string::npos) << out;
+    EXPECT_NE(out.find("Mute: no"), std::string::npos) << out;
+    session.player.setMute(true);
+    EXPECT_TRUE(pactl("list sink-inputs", "Mute: yes")) << out;
+    session.player.setMute(false);
+    EXPECT_TRUE(pactl("list sink-inputs", "Mute: no")) << out;
+    EXPECT_TRUE(session.listener.snapshot(session.listener.errors).empty());
 }
 
 } // namespace

@@ -1,16 +1,12 @@
 #pragma once
 
-// A PlayerListener that records every call, and lets a test wait (with a
-// generous timeout) until a condition on the record holds.
+// A PlayerListener that records every call, and lets a test wait until a condition on the record holds.
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include <lumiflux/player.h>
 
@@ -41,7 +37,6 @@ public:
     }
     void onError(PlayerError error, const std::string& message) override { add(errors, RecordedError{error, message}); }
 
-    /** Waits until `condition` (called under the lock) holds; false on timeout. */
     bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kTimeout)
     {
         std::unique_lock<std::mutex> lock(mutex);
@@ -51,7 +46,6 @@ public:
     {
         return waitFor([&] { return !states.empty() && states.back() == state; }, timeout);
     }
-    /** Whether `later` was reported after `first` (under the lock). */
     bool sawAfter(PlayerState first, PlayerState later)
     {
         auto at = std::find(states.begin(), states.end(), first);
@@ -64,11 +58,7 @@ public:
         player.selectTracks({});
         return waitFor([&] { return errors.size() > before && errors.back().message == "Trying to select 0 streams"; });
     }
-    template <typename T> T snapshot(const T& field)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return field;
-    }
+    template <typename T> T snapshot(const T& field) { return std::lock_guard<std::mutex>(mutex), field; }
     void clear()
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -80,9 +70,8 @@ public:
     std::condition_variable changed;
     std::vector<MediaInfo> mediaInfos;
     std::vector<std::vector<int>> selections;
-    std::vector<PlayerState> states;
+    std::vector<PlayerState> states, positionStates;
     std::vector<std::chrono::microseconds> durations, positions;
-    std::vector<PlayerState> positionStates;
     std::vector<RecordedError> errors;
 
 private:
@@ -102,8 +91,7 @@ struct ListenedPlayer {
     bool start(const std::string& uri, const HttpHeaders& headers = {})
     {
         listener.clear();
-        player.play(uri, headers);
-        player.pause();
+        player.play(uri, headers), player.pause();
         return listener.waitFor([&] { return listener.sawAfter(PlayerState::Playing, PlayerState::Playing); });
     }
     bool playsToEnd(const std::string& uri, const HttpHeaders& headers = {})
@@ -115,7 +103,6 @@ struct ListenedPlayer {
     Player player;
 };
 
-/** Where the fixture writes "media.mkv", "corrupt.mkv" and "truncated.mkv". */
 inline std::string mediaDir()
 {
     return buildDir() + "/player-media";
@@ -132,7 +119,6 @@ const char* const kHookNames[] = {"onError", "onPositionChanged", "onStateChange
 // Runs `action` once, from inside the first callback of the armed kind.
 class HookedListener : public RecordingListener, public VideoSink {
 public:
-    /** `when`, if given, is asked under the lock in each callback of the kind. */
     void arm(Hook kind, std::function<void()> what, std::function<bool()> when = {})
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -162,11 +148,8 @@ private:
         if (kind != hook || !action || (condition && !condition()))
             return;
         auto what = std::exchange(action, nullptr);
-        lock.unlock();
-        what();
-        lock.lock();
-        acted = true;
-        changed.notify_all();
+        lock.unlock(), what(), lock.lock();
+        acted = true, changed.notify_all();
     }
     Hook hook = OnError;
     std::function<void()> action;

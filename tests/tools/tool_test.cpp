@@ -1,6 +1,7 @@
 // The staged lumiflux tool as a user runs it: no LUMIFLUX_PLUGIN_DIR, so it
 // finds its own plug-ins and sample beside itself.
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -19,12 +20,10 @@ namespace {
 using nlohmann::json;
 using Records = std::vector<json>;
 
-// The same on any machine; a run that hangs is killed, so that it fails.
 const std::string kEnvironment = "env LUMIFLUX_NO_SYSLOG=1 PULSE_SERVER=unix:/nonexistent/lumiflux-test ";
 const std::string kTool = "timeout -s KILL 90 " + kEnvironment + LUMIFLUX_STAGED_TOOL " ";
 const std::string kSample = LUMIFLUX_STAGED_SAMPLE;
 
-// The tool's output with standard error merged in; `status` gets its exit status.
 std::string tool(const std::string& arguments, int& status)
 {
     std::string out;
@@ -32,11 +31,10 @@ std::string tool(const std::string& arguments, int& status)
     return out;
 }
 
-// The records of a --json run; standard error apart, so that every line must parse as one object.
-Records toolJson(const std::string& arguments, int& status)
+Records toolJson(const std::string& arguments, int& status, const std::string& environment = "")
 {
     std::string out;
-    status = lumiflux_test::runCommand(kTool + "--json " + arguments + " 2>/dev/null", &out);
+    status = lumiflux_test::runCommand(environment + kTool + "--json " + arguments + " 2>/dev/null", &out);
     Records records;
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
@@ -49,13 +47,11 @@ Records toolJson(const std::string& arguments, int& status)
 Records events(const Records& records, const std::string& name)
 {
     Records found;
-    for (const json& record : records)
-        if (record.is_object() && record.value("event", "") == name)
-            found.push_back(record);
+    std::copy_if(records.begin(), records.end(), std::back_inserter(found),
+                 [&](const json& r) { return r.is_object() && r.value("event", "") == name; });
     return found;
 }
 
-// The last record of an event; null when there is none.
 json last(const Records& records, const std::string& name)
 {
     const auto found = events(records, name);
@@ -72,51 +68,18 @@ const char* const kSteps[] = {"plug-ins", "codecs", "cameras", "capture", "encod
 TEST(Tour, DefaultCommandRunsEveryStepToSuccess)
 {
     int status = -1;
-    const std::string out = tool("", status); // what a new user types first
+    const std::string out = tool("", status);
     EXPECT_EQ(status, 0) << out;
     for (int i = 0; i < 8; ++i) {
         EXPECT_TRUE(has(out, "[" + std::to_string(i + 1) + "/8] " + kSteps[i] + ":")) << kSteps[i] << "\n" << out;
         EXPECT_TRUE(has(out, std::string("=> ok (") + kSteps[i] + ", exit status 0)")) << kSteps[i] << "\n" << out;
     }
-    // Each step shows its result, and nothing comes from the sound and codec libraries underneath.
     for (const char* part :
          {"lumiflux tour: plug-ins, codecs, cameras", "tour: 8 of 8 steps succeeded",
           "plug-in directory: ", "access units: 60, key frames: ", "played to the end", "tracks of file://"})
         EXPECT_TRUE(has(out, part)) << part << "\n" << out;
     for (const char* foreign : {"FAILED", "ALSA lib", "AL lib", "[OpenH264]", "Error"})
         EXPECT_FALSE(has(out, foreign)) << foreign << "\n" << out;
-}
-
-TEST(Tour, JsonCarriesEachStepsFacts)
-{
-    int status = -1;
-    const auto records = toolJson("tour", status);
-    EXPECT_EQ(status, 0);
-    const auto steps = events(records, "step");
-    ASSERT_EQ(steps.size(), 8u);
-    for (std::size_t i = 0; i < steps.size(); ++i)
-        EXPECT_TRUE(steps[i]["step"] == kSteps[i] && steps[i]["ok"] == true) << steps[i].dump();
-    EXPECT_EQ(last(records, "summary")["succeeded"], 8);
-    // The facts of the commands the tour ran, as in the human output.
-    for (const char* name : {"module", "codec", "camera"})
-        EXPECT_FALSE(events(records, name).empty()) << name;
-    const json stream = last(records, "stream");
-    EXPECT_EQ(stream["displayWidth"], 640);
-    EXPECT_EQ(stream["displayHeight"], 480);
-    EXPECT_EQ(stream["accessUnits"], 60);
-    EXPECT_EQ(last(records, "mediaInfo")["tracks"].size(), 4u);
-    EXPECT_EQ(last(records, "done")["reason"], "eos");
-}
-
-// Every track list printed: a stream's language may come in a later one.
-std::set<std::string> languages(const Records& records)
-{
-    std::set<std::string> found;
-    for (const json& info : events(records, "mediaInfo"))
-        for (const json& track : info["tracks"])
-            if (!track["language"].get<std::string>().empty())
-                found.insert(track["language"].get<std::string>());
-    return found;
 }
 
 TEST(Play, SampleToTheEndWithItsTracksAtTwiceTheRate)
@@ -148,20 +111,24 @@ TEST(Play, JsonTracksFramesLimitTrackChoiceAndSeek)
     auto done = events(records, "done");
     ASSERT_EQ(done.size(), 1u);
     EXPECT_EQ(done[0]["reason"], "frames");
-    EXPECT_GE(done[0]["frames"].get<int>(), 10);
-    EXPECT_LT(done[0]["frames"].get<int>(), 40);
+    EXPECT_TRUE(done[0]["frames"] >= 10 && done[0]["frames"] < 40) << done[0].dump();
     const auto media = events(records, "mediaInfo");
     ASSERT_FALSE(media.empty());
     std::multiset<std::string> types;
+    std::set<std::string> languages; // a stream's language may come in a later track list
     int german = -1, video = -1;
+    for (const json& info : media)
+        for (const json& track : info["tracks"])
+            languages.insert(track["language"].get<std::string>());
     for (const json& track : media.back()["tracks"]) {
         types.insert(track["type"].get<std::string>());
         german = track["language"] == "de" ? track["id"].get<int>() : german;
         video = track["type"] == "Video" ? track["id"].get<int>() : video;
     }
     EXPECT_EQ(types, (std::multiset<std::string>{"Audio", "Audio", "Subtitles", "Video"}));
-    const auto found = languages(records);
-    EXPECT_TRUE(found == (std::set<std::string>{"de", "en"}) || found == (std::set<std::string>{"de", "en", "fr"}));
+    languages.erase("");
+    EXPECT_TRUE(languages == (std::set<std::string>{"de", "en"}) ||
+                languages == (std::set<std::string>{"de", "en", "fr"}));
 
     // The German audio track by id, from 2 s: about one second of the three played.
     ASSERT_GE(german, 0);
@@ -170,22 +137,21 @@ TEST(Play, JsonTracksFramesLimitTrackChoiceAndSeek)
                            std::to_string(german) + " --seek 2",
                        status);
     EXPECT_EQ(status, 0);
-    bool germanPlayed = false, playing = false;
+    bool germanPlayed = false;
     for (const json& selected : events(records, "tracksSelected"))
         for (const json& id : selected["tracks"])
             germanPlayed = germanPlayed || id == german;
     EXPECT_TRUE(germanPlayed);
-    for (const json& state : events(records, "state"))
-        playing = playing || state["to"] == "Playing";
-    EXPECT_TRUE(playing);
     done = events(records, "done");
     ASSERT_EQ(done.size(), 1u);
     EXPECT_EQ(done[0]["reason"], "eos");
-    EXPECT_GT(done[0]["frames"].get<int>(), 15);
-    EXPECT_LT(done[0]["frames"].get<int>(), 60);
-    EXPECT_EQ(done[0]["width"], 320);
-    EXPECT_EQ(done[0]["height"], 240);
+    EXPECT_TRUE(done[0]["frames"] > 15 && done[0]["frames"] < 60) << done[0].dump();
+    EXPECT_TRUE(done[0]["width"] == 320 && done[0]["height"] == 240) << done[0].dump();
     EXPECT_NEAR(done[0]["duration"].get<double>(), 3.0, 0.1);
+    // To the end: 3 s at 30 frames per second, a few of them perhaps dropped late.
+    done = events(toolJson("play " + kSample + " --mute", status), "done");
+    ASSERT_EQ(done.size(), 1u);
+    EXPECT_TRUE(done[0]["frames"] >= 80 && done[0]["frames"] <= 90) << done[0].dump();
 }
 
 // Ctrl-C while playing, past the first end of the stream: the tool stops the
@@ -249,11 +215,9 @@ TEST(Probe, MatchesFfprobeOnGeneratedStreams)
         EXPECT_EQ(status, 0);
         ASSERT_EQ(found.size(), 1u);
         const json& ours = found[0];
-        EXPECT_EQ(ours["displayWidth"], ref["width"]);
-        EXPECT_EQ(ours["displayHeight"], ref["height"]);
-        EXPECT_EQ(std::pair(ours["codedWidth"].get<int>(), ours["codedHeight"].get<int>()), std::pair(336, 256));
-        EXPECT_EQ(ours["level"], ref["level"]);
-        EXPECT_EQ(ours["profileName"], ref["profile"]);
+        EXPECT_TRUE(ours["displayWidth"] == ref["width"] && ours["displayHeight"] == ref["height"]) << ours.dump();
+        EXPECT_TRUE(ours["codedWidth"] == 336 && ours["codedHeight"] == 256) << ours.dump();
+        EXPECT_TRUE(ours["level"] == ref["level"] && ours["profileName"] == ref["profile"]) << ours.dump();
         EXPECT_EQ(std::to_string(ours["accessUnits"].get<int>()), ref["nb_read_frames"].get<std::string>());
         EXPECT_GE(refKeys, 1);
         EXPECT_EQ(ours["keyFrames"], refKeys);
@@ -264,13 +228,6 @@ TEST(Probe, MatchesFfprobeOnGeneratedStreams)
                       ref["r_frame_rate"]);
         else
             EXPECT_EQ(ours["frameRateDenominator"], 0);
-        // The human form says the same.
-        const std::string out = tool("probe " + stream, status);
-        EXPECT_EQ(status, 0);
-        for (const std::string& part :
-             {std::string("display 330x250"), "profile " + ref["profile"].get<std::string>() + " (",
-              "access units: " + ref["nb_read_frames"].get<std::string>() + ", key frames: " + std::to_string(refKeys)})
-            EXPECT_TRUE(has(out, part)) << part << "\n" << out;
     }
 }
 
@@ -278,7 +235,7 @@ TEST(Json, EveryCommandWritesOnlyJsonObjects)
 {
     const std::string dir = lumiflux_test::freshDirectory("json");
     for (const std::string& arguments :
-         {std::string("plugins"), std::string("codecs"), std::string("cameras"),
+         {std::string("plugins"), std::string("codecs"), std::string("cameras"), std::string("tour"),
           "encode pattern -c h264 --frames 5 -o " + dir + "/p.h264", "decode " + dir + "/p.h264 -o " + dir + "/p.yuv",
           "probe " + dir + "/p.h264", "encode pattern -c vp8 --frames 5 -o " + dir + "/p.ivf"}) {
         int status = -1;
@@ -290,6 +247,42 @@ TEST(Json, EveryCommandWritesOnlyJsonObjects)
         EXPECT_FALSE(records.empty()) << arguments;
         for (const json& record : records)
             EXPECT_TRUE(record.contains("event")) << arguments << ": " << record.dump();
+    }
+    int status = -1;
+    const json finished = last(toolJson("capture 0 --frames 2", status, "LUMIFLUX_TEST_CAMERAS=1 "), "finished");
+    EXPECT_EQ(finished["frames"], 2);
+    EXPECT_GT(finished.value("measuredFrameRate", 0.0), 0.0) << finished.dump();
+}
+
+// On a terminal the encoder shows its progress; the pattern is a smooth gradient from the very first column.
+TEST(Json, EncodePatternOnATerminal)
+{
+    const std::string dir = lumiflux_test::freshDirectory("encode"), stream = dir + "/p.h264";
+    std::string out;
+    ASSERT_EQ(lumiflux_test::runCommand(
+                  "script -qec '" + kTool + "encode pattern -c h264 --frames 3 -o " + stream + "' /dev/null", &out),
+              0)
+        << out;
+    std::string progress;
+    const std::regex frame("frame ([0-9]+/[0-9]+)");
+    for (std::sregex_iterator i(out.begin(), out.end(), frame), end; i != end; ++i)
+        progress = (*i)[1];
+    EXPECT_EQ(progress, "3/3") << out;
+    ASSERT_EQ(lumiflux_test::runCommand("ffmpeg -v error -i " + stream +
+                                            " -frames:v 1 -f rawvideo -pix_fmt yuv420p -y " + dir + "/p.yuv 2>&1",
+                                        &out),
+              0)
+        << out;
+    std::ifstream in(dir + "/p.yuv", std::ios::binary);
+    const std::string yuv((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_EQ(yuv.size(), 640u * 480 * 3 / 2);
+    for (auto [offset, width, height] :
+         {std::tuple{0, 640, 480}, {640 * 480, 320, 240}, {640 * 480 * 5 / 4, 320, 240}}) {
+        int step = 0;
+        for (int row = 0; row < height; ++row)
+            step += std::abs(static_cast<unsigned char>(yuv[offset + row * width]) -
+                             static_cast<unsigned char>(yuv[offset + row * width + 1]));
+        EXPECT_LT(step / height, 6) << "plane at " << offset;
     }
 }
 
