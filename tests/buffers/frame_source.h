@@ -1,11 +1,14 @@
 #pragma once
-
-// Frames for the buffer tests: GStreamer buffers of pseudo-random pixels in
-// the layout GStreamer gives a format and size, and copies of them in layouts
-// no ordinary source produces (padded strides, DMA-buf memory).
+// Frames for the buffer tests: GStreamer buffers of pseudo-random pixels,
+// tightly packed or with padded rows described by a video meta, and
+// GStreamer's own mapping of a buffer as the oracle for what a view shows.
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <cstring>
 
+#include <gst/allocators/gstdmabuf.h>
 #include <gst/gst.h>
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
@@ -16,28 +19,69 @@ namespace lumiflux_test {
 
 using Tevara::Lumiflux::Internal::Ref;
 
-/** One frame and its video information. */
 struct SourceFrame {
     Ref<GstBuffer> buffer;
-    GstVideoInfo info;
+    GstVideoInfo info; ///< the tight layout GStreamer gives format and size
 };
 
-/** A frame of pseudo-random pixels, presentation time one second. */
-SourceFrame makeFrame(GstVideoFormat format, int width, int height);
-
-/**
- * A copy of `frame` in a fresh buffer whose rows are `padding` bytes longer
- * than needed on every plane, described by a GstVideoMeta. Same pixels and
- * presentation time.
- */
-Ref<GstBuffer> paddedCopy(const SourceFrame& frame, int padding);
+// With `padding`, every row of every plane is that many bytes longer than
+// needed and a video meta gives the planes' offsets and strides. Presentation
+// time one second.
+inline SourceFrame makeFrame(GstVideoFormat format, int width, int height, int padding = 0)
+{
+    gst_init(nullptr, nullptr);
+    SourceFrame frame;
+    gst_video_info_set_format(&frame.info, format, static_cast<guint>(width), static_cast<guint>(height));
+    const guint planes = GST_VIDEO_INFO_N_PLANES(&frame.info);
+    gsize offsets[GST_VIDEO_MAX_PLANES] = {}, size = 0;
+    gint strides[GST_VIDEO_MAX_PLANES] = {};
+    for (guint p = 0; p < planes; ++p) {
+        const gsize end = p + 1 < planes ? GST_VIDEO_INFO_PLANE_OFFSET(&frame.info, p + 1) : frame.info.size;
+        const gsize rows = (end - GST_VIDEO_INFO_PLANE_OFFSET(&frame.info, p)) /
+                           static_cast<gsize>(GST_VIDEO_INFO_PLANE_STRIDE(&frame.info, p));
+        offsets[p] = size;
+        strides[p] = GST_VIDEO_INFO_PLANE_STRIDE(&frame.info, p) + padding;
+        size += rows * static_cast<gsize>(strides[p]);
+    }
+    frame.buffer = Ref<GstBuffer>::adopt(gst_buffer_new_allocate(nullptr, size, nullptr));
+    GstMapInfo map;
+    if (gst_buffer_map(frame.buffer.get(), &map, GST_MAP_WRITE)) {
+        std::uint32_t state = 0x9E3779B9u; // xorshift32
+        for (gsize i = 0; i < map.size; ++i) {
+            state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+            map.data[i] = static_cast<guint8>(state);
+        }
+        gst_buffer_unmap(frame.buffer.get(), &map);
+    }
+    if (padding > 0)
+        gst_buffer_add_video_meta_full(frame.buffer.get(), GST_VIDEO_FRAME_FLAG_NONE, format, static_cast<guint>(width),
+                                       static_cast<guint>(height), planes, offsets, strides);
+    GST_BUFFER_PTS(frame.buffer.get()) = GST_SECOND;
+    return frame;
+}
 
 /** A copy of `frame` in DMA-buf memory over a memfd (no video meta), same presentation time. */
-Ref<GstBuffer> dmaBufCopy(const SourceFrame& frame);
+inline Ref<GstBuffer> dmaBufCopy(const SourceFrame& frame)
+{
+    const gsize size = gst_buffer_get_size(frame.buffer.get());
+    const int fd = memfd_create("lumiflux-test-frame", MFD_CLOEXEC);
+    if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0)
+        return {};
+    Ref<GstAllocator> allocator = Ref<GstAllocator>::adopt(gst_dmabuf_allocator_new());
+    Ref<GstBuffer> copy = Ref<GstBuffer>::adopt(gst_buffer_new());
+    gst_buffer_append_memory(copy.get(), gst_dmabuf_allocator_alloc(allocator.get(), fd, size)); // owns fd now
+    GstMapInfo source;
+    if (!gst_buffer_map(frame.buffer.get(), &source, GST_MAP_READ))
+        return {};
+    const gsize written = gst_buffer_fill(copy.get(), 0, source.data, size);
+    gst_buffer_unmap(frame.buffer.get(), &source);
+    GST_BUFFER_PTS(copy.get()) = GST_BUFFER_PTS(frame.buffer.get());
+    return written == size ? copy : Ref<GstBuffer>{};
+}
 
-/** GStreamer's own mapping of a buffer, as the oracle for what a view shows. */
+/** GStreamer's own mapping of a buffer (honouring its video meta). */
 struct Reference {
-    Reference(GstBuffer* buffer, const GstVideoInfo& videoInfo) : info(videoInfo)
+    Reference(GstBuffer* buffer, GstVideoInfo videoInfo) : info(videoInfo)
     {
         mapped = gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ);
     }
@@ -47,16 +91,29 @@ struct Reference {
             gst_video_frame_unmap(&frame);
     }
     Reference(const Reference&) = delete;
-    Reference& operator=(const Reference&) = delete;
     GstVideoInfo info;
     GstVideoFrame frame;
     bool mapped = false;
 };
 
 /** Whether the plane at `data` (rows `stride` apart) equals plane `plane` of `reference`. */
-::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference, int plane);
+inline ::testing::AssertionResult samePlane(const std::uint8_t* data, int stride, const GstVideoFrame& reference,
+                                            int plane)
+{
+    if (!data)
+        return ::testing::AssertionFailure() << "plane " << plane << " has no data";
+    gint components[GST_VIDEO_MAX_COMPONENTS];
+    gst_video_format_info_component(reference.info.finfo, static_cast<guint>(plane), components);
+    const int bytes =
+        GST_VIDEO_FRAME_COMP_WIDTH(&reference, components[0]) * GST_VIDEO_FRAME_COMP_PSTRIDE(&reference, components[0]);
+    const auto* expected = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&reference, plane));
+    for (int row = 0; row < GST_VIDEO_FRAME_COMP_HEIGHT(&reference, components[0]); ++row)
+        if (std::memcmp(data + row * stride, expected + row * GST_VIDEO_FRAME_PLANE_STRIDE(&reference, plane),
+                        static_cast<size_t>(bytes)) != 0)
+            return ::testing::AssertionFailure() << "plane " << plane << " differs in row " << row;
+    return ::testing::AssertionSuccess();
+}
 
-/** The reference count of a buffer, as GStreamer keeps it. */
 inline int refCount(GstBuffer* buffer)
 {
     return GST_MINI_OBJECT_REFCOUNT_VALUE(buffer);

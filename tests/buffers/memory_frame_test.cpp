@@ -1,17 +1,16 @@
 // Frames from application memory (GraphicBufferFactory::fromMemory), used
 // the way an application uses them: plain byte vectors, no GStreamer call in
 // this file, the real codec plug-in behind LumifluxCodecManager().
-
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
-#include <map>
+#include <fstream>
 #include <mutex>
 #include <vector>
 
@@ -24,142 +23,64 @@
 namespace {
 
 using namespace Tevara::Lumiflux;
-using namespace std::chrono_literals;
 using Plane = GraphicBufferFactory::Plane;
 
 constexpr std::uint32_t width = 320, height = 240, frames = 20;
 constexpr std::int64_t period = 33333; // microseconds, 30 frames per second
 
 // One frame in the application's memory: each plane in a vector of its own,
-// rows padded beyond their bytes, so that strides matter.
+// rows padded by 24 bytes beyond their bytes, so that strides matter. Every
+// byte depends on plane, row, column and frame.
 struct AppFrame {
+    AppFrame(PixelFormat format, std::uint32_t index)
+    {
+        const bool nv12 = format == PixelFormat::YUV420SemiPlanar;
+        const std::uint32_t rowBytes[3] = {width, nv12 ? width : width / 2, width / 2};
+        for (int plane = 0; plane < (nv12 ? 2 : 3); ++plane) {
+            const std::uint32_t stride = rowBytes[plane] + 24, rows = plane == 0 ? height : height / 2;
+            bytes.emplace_back(stride * rows, 0);
+            for (std::uint32_t y = 0; y < rows; ++y)
+                for (std::uint32_t x = 0; x < rowBytes[plane]; ++x)
+                    bytes.back()[y * stride + x] = static_cast<std::uint8_t>(40 * plane + x / 3 + y / 2 + index);
+            planes.push_back({bytes.back().data(), stride});
+        }
+    }
     std::vector<std::vector<std::uint8_t>> bytes;
     std::vector<Plane> planes;
 };
 
-// A smooth picture that moves a little from frame to frame: what an encoder
-// at a modest rate reproduces well above 30 dB, unless planes, strides or
-// chroma order get mixed up on the way.
-AppFrame makeFrame(PixelFormat format, std::uint32_t index)
-{
-    const bool nv12 = format == PixelFormat::YUV420SemiPlanar;
-    AppFrame frame;
-    const std::uint32_t rowBytes[3] = {width, nv12 ? width : width / 2, width / 2};
-    const std::uint32_t rows[3] = {height, height / 2, height / 2};
-    for (int plane = 0; plane < (nv12 ? 2 : 3); ++plane) {
-        const std::uint32_t stride = rowBytes[plane] + 24;
-        frame.bytes.emplace_back(stride * rows[plane], 0);
-        for (std::uint32_t y = 0; y < rows[plane]; ++y)
-            for (std::uint32_t x = 0; x < rowBytes[plane]; ++x) {
-                int value;
-                if (plane == 0)
-                    value = 40 + static_cast<int>((x + 3 * index) * 120 / (width + 3 * frames) + y * 60 / height);
-                else if (plane == 2 || (nv12 && x % 2 == 1)) // Cr
-                    value = 90 + static_cast<int>(y * 70 / rows[plane]);
-                else // Cb
-                    value = 170 - static_cast<int>((nv12 ? x / 2 : x) * 60 / (width / 2));
-                frame.bytes.back()[y * stride + x] = static_cast<std::uint8_t>(value);
-            }
-        frame.planes.push_back({frame.bytes.back().data(), stride});
-    }
-    return frame;
-}
-
-// Peak signal-to-noise ratio of a decoded frame against the original, over
-// luma and both chroma planes, read through the decoded frame's own view
-// (whatever its layout).
-double psnr(const AppFrame& original, PixelFormat format, const std::shared_ptr<GraphicBuffer>& decoded)
-{
-    auto view = decoded->mapYCbCr();
-    if (!view)
-        return 0;
-    const bool nv12 = format == PixelFormat::YUV420SemiPlanar;
-    double squares = 0;
-    std::size_t samples = 0;
-    auto add = [&](int a, int b) {
-        squares += (a - b) * (a - b);
-        ++samples;
-    };
-    for (std::uint32_t y = 0; y < height; ++y)
-        for (std::uint32_t x = 0; x < width; ++x)
-            add(original.planes[0].data[y * original.planes[0].stride + x], view->y[y * view->yStride + x]);
-    for (std::uint32_t y = 0; y < height / 2; ++y)
-        for (std::uint32_t x = 0; x < width / 2; ++x) {
-            const std::size_t at = y * view->cStride + x * view->chromaStep;
-            const Plane& cb = original.planes[1];
-            const Plane& cr = original.planes[nv12 ? 1 : 2];
-            add(cb.data[y * cb.stride + (nv12 ? 2 * x : x)], view->cb[at]);
-            add(cr.data[y * cr.stride + (nv12 ? 2 * x + 1 : x)], view->cr[at]);
-        }
-    const double mse = squares / static_cast<double>(samples);
-    return mse == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / mse);
-}
-
-CodecManager* codecs()
-{
-    static CodecManager* manager = [] {
-        const std::string dir = lumiflux_test::freshDirectory("memory-codecs");
-        std::filesystem::create_symlink(LUMIFLUX_GST_CODECS_MODULE,
-                                        std::filesystem::path(dir) / "lumiflux-gst-codecs.so");
-        setenv("LUMIFLUX_PLUGIN_DIR", dir.c_str(), 1);
-        return LumifluxCodecManager();
-    }();
-    return manager;
-}
-
-struct Collector : VideoEncoderListener, VideoDecoderListener {
+struct Collector : VideoEncoderListener {
     void onEncodedFrame(const EncodedFrame& frame) override
     {
-        update([&] {
-            units.push_back({std::vector<std::uint8_t>(frame.data, frame.data + frame.size), frame.timestamp});
-        });
+        std::lock_guard<std::mutex> lock(mutex);
+        stream.append(reinterpret_cast<const char*>(frame.data), frame.size);
     }
     void onEncoderError(const std::string& message) override
     {
-        update([&] { errors.push_back(message); });
+        std::lock_guard<std::mutex> lock(mutex);
+        errors.push_back(message);
     }
     void onEncoderEos() override
     {
-        update([&] { eos = true; });
-    }
-    void onDecodedFrame(const std::shared_ptr<GraphicBuffer>& frame) override
-    {
-        update([&] { decoded.push_back(frame); });
-    }
-    void onDecoderError(const std::string& message) override
-    {
-        update([&] { errors.push_back(message); });
-    }
-    void onDecoderEos() override
-    {
-        update([&] { eos = true; });
-    }
-
-    bool waitForEos()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, 60s, [&] { return eos; }) && errors.empty();
-    }
-    template <typename Change> void update(Change change)
-    {
         std::lock_guard<std::mutex> lock(mutex);
-        change();
+        eos = true;
         changed.notify_all();
     }
-
     std::mutex mutex;
     std::condition_variable changed;
-    std::vector<std::pair<std::vector<std::uint8_t>, std::int64_t>> units;
-    std::vector<std::shared_ptr<GraphicBuffer>> decoded;
+    std::string stream;
     std::vector<std::string> errors;
     bool eos = false;
 };
 
-// NV12 copied, I420 wrapped: an H.264 round trip through the codec manager
-// gives back every frame at 30 dB or better, and in wrap mode each frame's
-// release callback has run exactly once when the encoder has let go.
-TEST(GraphicBufferFromMemory, H264RoundTripFromPlainVectors)
+// NV12 copied, I420 wrapped: an H.264 encoder of the codec plug-in takes
+// every frame (ffprobe counts them in the stream), and in wrap mode each
+// frame's release callback has run exactly once when the encoder has let go.
+TEST(GraphicBufferFromMemory, H264EncodingFromPlainVectors)
 {
+    const std::string dir = lumiflux_test::freshDirectory("memory-codecs");
+    std::filesystem::create_symlink(LUMIFLUX_GST_CODECS_MODULE, std::filesystem::path(dir) / "lumiflux-gst-codecs.so");
+    setenv("LUMIFLUX_PLUGIN_DIR", dir.c_str(), 1);
     for (const bool wrap : {false, true}) {
         const PixelFormat format = wrap ? PixelFormat::YUV420Planar : PixelFormat::YUV420SemiPlanar;
         SCOPED_TRACE(toString(format));
@@ -168,17 +89,16 @@ TEST(GraphicBufferFromMemory, H264RoundTripFromPlainVectors)
         std::vector<std::shared_ptr<GraphicBuffer>> buffers;
         // Before the codec manager, which would initialise GStreamer itself.
         for (std::uint32_t i = 0; i < frames; ++i) {
-            originals.push_back(makeFrame(format, i));
+            originals.emplace_back(format, i);
             auto release = wrap ? std::function<void()>([&releases, i] { ++releases[i]; }) : nullptr;
             buffers.push_back(
                 GraphicBufferFactory::fromMemory(format, width, height, originals[i].planes, i * period, release));
             ASSERT_NE(buffers.back(), nullptr);
             EXPECT_EQ(buffers.back()->timestamp, i * period);
         }
-
         Collector encoded;
         {
-            auto encoder = codecs()->createVideoEncoder(CodecType::H264, false);
+            auto encoder = LumifluxCodecManager()->createVideoEncoder(CodecType::H264, false);
             ASSERT_NE(encoder, nullptr) << "no H.264 encoder: run scripts/install-deps";
             encoder->lockAndSetListener(&encoded);
             VideoEncoderMetadata metadata;
@@ -187,94 +107,79 @@ TEST(GraphicBufferFromMemory, H264RoundTripFromPlainVectors)
             metadata.height = height;
             metadata.format = format;
             ASSERT_TRUE(encoder->configure(metadata));
-            EXPECT_TRUE(encoder->setParameter(CodecParameter::BitRate, "1000000"));
             ASSERT_TRUE(encoder->start());
             for (auto& buffer : buffers)
                 ASSERT_TRUE(encoder->encode(buffer, false));
             buffers.clear(); // the encoder's copies are the last holders now
             encoder->eos();
-            ASSERT_TRUE(encoded.waitForEos());
+            std::unique_lock<std::mutex> lock(encoded.mutex);
+            ASSERT_TRUE(encoded.changed.wait_for(lock, std::chrono::seconds(60), [&] { return encoded.eos; }));
+            lock.unlock();
             EXPECT_TRUE(encoder->stop());
             encoder->lockAndSetListener(nullptr);
         }
+        EXPECT_TRUE(encoded.errors.empty());
         for (std::uint32_t i = 0; i < frames; ++i)
             EXPECT_EQ(releases[i].load(), wrap ? 1 : 0) << "frame " << i;
-
-        Collector decoded;
-        auto decoder = codecs()->createVideoDecoder(CodecType::H264, false);
-        ASSERT_NE(decoder, nullptr);
-        decoder->lockAndSetListener(&decoded);
-        VideoDecoderMetadata metadata;
-        metadata.codecType = CodecType::H264;
-        metadata.width = width;
-        metadata.height = height;
-        ASSERT_TRUE(decoder->configure(metadata));
-        ASSERT_TRUE(decoder->start());
-        for (const auto& [bytes, timestamp] : encoded.units)
-            ASSERT_TRUE(decoder->decode(bytes.data(), bytes.size(), timestamp));
-        ASSERT_TRUE(decoder->drain());
-        ASSERT_TRUE(decoded.waitForEos());
-        decoder->lockAndSetListener(nullptr);
-        ASSERT_EQ(decoded.decoded.size(), frames);
-        // Counted from the first unit: an encoder may shift every timestamp
-        // by a constant (the x264 element starts at 1000 hours).
-        const std::int64_t first = encoded.units.front().second;
-        for (const auto& frame : decoded.decoded) {
-            const std::int64_t index = (frame->timestamp - first + period / 2) / period;
-            ASSERT_TRUE(index >= 0 && index < frames) << frame->timestamp;
-            EXPECT_GE(psnr(originals[static_cast<std::size_t>(index)], format, frame), 30.0) << "frame " << index;
-        }
+        const std::string file = dir + (wrap ? "/wrapped.h264" : "/copied.h264");
+        std::ofstream(file, std::ios::binary) << encoded.stream;
+        EXPECT_EQ(lumiflux_test::probeVideo(file), "h264," + std::to_string(frames) + "\n");
     }
 }
 
-// Wrapping is zero copy and releases exactly once, after the last holder
-// (buffer or view); copying takes the bytes at once.
+// Both views show the application's bytes in every plane. Wrapping is zero
+// copy and releases exactly once, after the last holder (buffer or view);
+// copying takes the bytes at once.
 TEST(GraphicBufferFromMemory, WrapReleasesOnceAfterTheLastHolderAndCopyDetaches)
 {
-    AppFrame frame = makeFrame(PixelFormat::YUV420SemiPlanar, 0);
-    int releases = 0;
-    auto wrapped = GraphicBufferFactory::fromMemory(PixelFormat::YUV420SemiPlanar, width, height, frame.planes, -1,
-                                                    [&releases] { ++releases; });
-    ASSERT_NE(wrapped, nullptr);
-    EXPECT_EQ(wrapped->format, PixelFormat::YCbCrFlexible);
-    EXPECT_EQ(wrapped->timestamp, -1);
-    auto view = wrapped->mapYCbCr();
-    ASSERT_NE(view, nullptr);
-    EXPECT_EQ(view->y, frame.planes[0].data);
-    EXPECT_EQ(view->cb, frame.planes[1].data);
-    EXPECT_EQ(view->yStride, frame.planes[0].stride);
-    EXPECT_EQ(view->chromaStep, 2);
-    wrapped.reset();
-    EXPECT_EQ(releases, 0) << "the view still holds the memory";
-    view.reset();
-    EXPECT_EQ(releases, 1);
-
-    auto copied = GraphicBufferFactory::fromMemory(PixelFormat::YUV420SemiPlanar, width, height, frame.planes);
-    ASSERT_NE(copied, nullptr);
-    const std::uint8_t before = frame.bytes[0][0];
-    frame.bytes[0][0] = static_cast<std::uint8_t>(before + 1);
-    auto planar = copied->mapFrame();
-    ASSERT_NE(planar, nullptr);
-    EXPECT_NE(planar->planes[0].data, frame.planes[0].data);
-    EXPECT_EQ(planar->planes[0].data[0], before);
-    EXPECT_EQ(planar->planes[1].width, width) << "NV12's chroma plane: width bytes of interleaved pairs";
+    for (const PixelFormat format : {PixelFormat::YUV420SemiPlanar, PixelFormat::YUV420Planar})
+        for (const bool wrap : {true, false}) {
+            SCOPED_TRACE(std::string(toString(format)) + (wrap ? " wrapped" : " copied"));
+            const bool nv12 = format == PixelFormat::YUV420SemiPlanar;
+            AppFrame frame(format, 7);
+            int releases = 0;
+            auto buffer = GraphicBufferFactory::fromMemory(format, width, height, frame.planes, 0,
+                                                           wrap ? std::function<void()>([&] { ++releases; }) : nullptr);
+            ASSERT_NE(buffer, nullptr);
+            EXPECT_EQ(buffer->format, PixelFormat::YCbCrFlexible);
+            EXPECT_EQ(buffer->timestamp, 0);
+            auto view = buffer->mapYCbCr();
+            auto planar = buffer->mapFrame();
+            ASSERT_TRUE(view && planar);
+            EXPECT_EQ(view->chromaStep, nv12 ? 2 : 1);
+            EXPECT_EQ(view->y == frame.planes[0].data, wrap);
+            EXPECT_EQ(planar->planes[1].width, nv12 ? width : width / 2) << "NV12: bytes of interleaved pairs";
+            for (std::size_t p = 0; p < frame.planes.size(); ++p)
+                for (std::uint32_t y = 0; y < (p == 0 ? height : height / 2); ++y)
+                    ASSERT_EQ(0, std::memcmp(planar->planes[p].data + y * planar->planes[p].stride,
+                                             frame.planes[p].data + y * frame.planes[p].stride,
+                                             p == 0 || nv12 ? width : width / 2))
+                        << "plane " << p << " row " << y;
+            EXPECT_EQ(view->cb[view->cStride * 5], frame.planes[1].data[frame.planes[1].stride * 5]);
+            EXPECT_EQ(view->cr[0], nv12 ? frame.planes[1].data[1] : frame.planes[2].data[0]);
+            frame.bytes[0][0] ^= 0xFF;
+            EXPECT_EQ(view->y[0] == frame.bytes[0][0], wrap) << "the copy keeps the bytes it took";
+            buffer.reset();
+            planar.reset();
+            EXPECT_EQ(releases, 0) << "a view still holds the memory";
+            view.reset();
+            EXPECT_EQ(releases, wrap ? 1 : 0);
+        }
 }
 
 TEST(GraphicBufferFromMemory, BadInputGivesAnEmptyResultAndOneErrorLine)
 {
-    const AppFrame nv12 = makeFrame(PixelFormat::YUV420SemiPlanar, 0);
-    const AppFrame i420 = makeFrame(PixelFormat::YUV420Planar, 0);
+    const AppFrame nv12(PixelFormat::YUV420SemiPlanar, 0), i420(PixelFormat::YUV420Planar, 0);
     auto withPlane = [](std::vector<Plane> planes, std::size_t index, Plane plane) {
         planes[index] = plane;
         return planes;
     };
-    struct Case {
+    const struct {
         const char* what;
         PixelFormat format;
         std::uint32_t width, height;
         std::vector<Plane> planes;
-    };
-    const std::vector<Case> cases{
+    } cases[] = {
         {"flexible format", PixelFormat::YCbCrFlexible, width, height, nv12.planes},
         {"zero width", PixelFormat::YUV420SemiPlanar, 0, height, nv12.planes},
         {"odd width", PixelFormat::YUV420SemiPlanar, width - 1, height, nv12.planes},
@@ -289,7 +194,7 @@ TEST(GraphicBufferFromMemory, BadInputGivesAnEmptyResultAndOneErrorLine)
         {"stride beyond 16 bits", PixelFormat::YUV420SemiPlanar, width, height,
          withPlane(nv12.planes, 1, {nv12.planes[1].data, 70000})},
     };
-    for (const Case& entry : cases) {
+    for (const auto& entry : cases) {
         SCOPED_TRACE(entry.what);
         lumiflux_test::clearSyslog();
         bool released = false;

@@ -1,11 +1,14 @@
-// The camera base classes, on a camera whose primitive operations the test
-// controls.
-
+// The camera base classes on a camera whose primitive operations the test
+// controls, and the ordering of the camera list.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
 #include <stdexcept>
 
 #include <lumiflux/camera_base.h>
+
+#include "camera/camera_sort.h"
 
 namespace {
 
@@ -14,55 +17,46 @@ using Internal::frameRateToInteger;
 using Priority = CameraCapabilityPriority;
 constexpr PixelFormat kNv12 = PixelFormat::YUV420SemiPlanar;
 
-class ScriptedCamera : public Internal::BaseCamera {
-public:
+// A camera whose modes and formats the test sets; it records what the base
+// class starts and lets the test report an error as a plug-in does.
+struct ScriptedCamera : Internal::BaseCamera {
     using Internal::BaseCamera::startCapture;
-
     std::vector<CameraCapability> modes;
     std::vector<PixelFormatDescription> formats;
-    bool queryFails = false;
-    bool throwOnQuery = false;
+    bool queryFails = false, throwOnQuery = false;
     std::vector<std::pair<CameraCapability, PixelFormat>> started;
-
-    // What a plug-in does when it reports: call under the listener mutex.
     void reportError(const std::string& message)
     {
         std::lock_guard<std::recursive_mutex> lock(listenerMutex);
         if (listener != nullptr)
             listener->onError(message);
     }
-
-    bool getInfo(CameraInfo&) override { return false; }
-    bool startCapture(const CameraCapability& capability, PixelFormat format) override
+    bool startCapture(const CameraCapability& mode, PixelFormat format) override
     {
-        started.emplace_back(capability, format);
-        return true;
+        return started.emplace_back(mode, format), true;
     }
+    bool queryCapabilities(std::vector<CameraCapability>& out) override
+    {
+        if (throwOnQuery)
+            throw std::runtime_error("device gone");
+        return out = modes, !queryFails;
+    }
+    std::vector<PixelFormatDescription> getSupportedFormats() override { return formats; }
+    bool getInfo(CameraInfo&) override { return false; }
     bool stopCapture() override { return false; }
     bool isCapturing() override { return false; }
     bool takePicture() override { return false; }
     bool getParameter(const std::string&, std::string&) override { return false; }
     bool setParameter(const std::string&, const std::string&) override { return false; }
-    std::vector<PixelFormatDescription> getSupportedFormats() override { return formats; }
-    bool queryCapabilities(std::vector<CameraCapability>& out) override
-    {
-        if (throwOnQuery)
-            throw std::runtime_error("device gone");
-        out = modes;
-        return !queryFails;
-    }
 };
 
 CameraCapabilityEx wantedOf(std::uint32_t w, std::uint32_t h, std::uint32_t num, std::uint32_t den = 1)
 {
     CameraCapabilityEx wanted;
-    wanted.width = w;
-    wanted.height = h;
-    wanted.frameRate = {num, den};
+    wanted.width = w, wanted.height = h, wanted.frameRate = {num, den};
     return wanted;
 }
 
-// width, height, numerator, denominator
 std::vector<std::uint32_t> fieldsOf(const CameraCapabilityEx& c)
 {
     return {c.width, c.height, c.frameRate.numerator, c.frameRate.denominator};
@@ -70,38 +64,30 @@ std::vector<std::uint32_t> fieldsOf(const CameraCapabilityEx& c)
 
 TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayMapsDegenerateFractionsToZeroAndStartsCaptureWithIt)
 {
-    const struct {
-        std::uint32_t numerator, denominator, expected;
-    } cases[] = {{30000, 1001, 30},
-                 {25, 2, 13},
-                 {15, 1, 15},
-                 {60000, 2002, 30},
-                 {49, 2, 25},
-                 {1, 3, 0},
-                 {0, 1, 0},
-                 {0, 0, 0},
-                 {30, 0, 0} /* infinite */,
-                 {UINT32_MAX, 1, UINT32_MAX},
-                 {UINT32_MAX, UINT32_MAX, 1}};
+    // numerator, denominator, expected; x/0 is infinite: no meaningful rate
+    // clang-format off
+    const std::uint32_t cases[][3] = {{30000, 1001, 30}, {25, 2, 13}, {15, 1, 15}, {60000, 2002, 30}, {49, 2, 25},
+        {1, 3, 0}, {0, 1, 0}, {0, 0, 0}, {30, 0, 0}, {UINT32_MAX, 1, UINT32_MAX}, {UINT32_MAX, UINT32_MAX, 1},
+        {96, 64, 2}, {64, 96, 1}};
+    // clang-format on
     for (const auto& c : cases)
-        EXPECT_EQ(frameRateToInteger(c.numerator, c.denominator), c.expected) << c.numerator << "/" << c.denominator;
-
-    // Starting with an exact rate starts the plug-in with the rounded one.
+        EXPECT_EQ(frameRateToInteger(c[0], c[1]), c[2]) << c[0] << "/" << c[1];
     ScriptedCamera camera;
     ASSERT_TRUE(camera.startCapture(wantedOf(1920, 1080, 30000, 1001), PixelFormat::YUV420Planar));
     ASSERT_TRUE(camera.startCapture(wantedOf(640, 480, 0, 1), kNv12));
     ASSERT_EQ(camera.started.size(), 2u);
-    const CameraCapability& first = camera.started[0].first;
-    EXPECT_EQ((std::vector<std::uint32_t>{first.width, first.height, first.frameRate}),
-              (std::vector<std::uint32_t>{1920, 1080, 30}));
-    EXPECT_EQ(camera.started[0].second, PixelFormat::YUV420Planar);
-    EXPECT_EQ(camera.started[1].first.frameRate, 0u);
+    const auto& [first, format] = camera.started[0];
+    EXPECT_EQ(
+        (std::vector<std::uint32_t>{first.width, first.height, first.frameRate, camera.started[1].first.frameRate}),
+        (std::vector<std::uint32_t>{1920, 1080, 30, 0}));
+    EXPECT_EQ(format, PixelFormat::YUV420Planar);
 }
 
 TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
 {
     const std::vector<CameraCapability> mixed = {{1280, 720, 15}, {1280, 960, 30}, {1920, 1080, 30}, {640, 720, 30}};
     const std::vector<CameraCapability> rates = {{640, 480, 60}, {640, 480, 30}, {640, 480, 0}, {640, 480, 24}};
+    const std::vector<CameraCapability> other = {{1280, 720, 30}, {640, 480, 30}, {640, 720, 30}, {320, 240, 15}};
     const struct {
         std::vector<CameraCapability> modes;
         CameraCapabilityEx wanted;
@@ -113,6 +99,8 @@ TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
         {mixed, wantedOf(1280, 720, 30), 1, {1280, 720, 15}},
         {mixed, wantedOf(1280, 720, 30), 2, {1280, 960, 30}},
         {mixed, wantedOf(1280, 720, 30), 3, {640, 720, 30}},
+        {other, wantedOf(640, 700, 30), 0, {640, 720, 30}},
+        {other, wantedOf(1200, 480, 30), 1, {640, 480, 30}},
         // 600 and 680 are both 40 from 640: the first listed wins.
         {{{680, 480, 30}, {600, 480, 30}, {680, 480, 30}}, wantedOf(640, 480, 30), 0, {680, 480, 30}},
         {{{600, 480, 30}, {680, 480, 30}}, wantedOf(640, 480, 30), 0, {600, 480, 30}},
@@ -127,19 +115,15 @@ TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
         {{{1000, 1, 1}, {4294967000u, 1, 1}}, wantedOf(0, 1, 1), 0, {4294967000u, 1, 1}},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE("case " + std::to_string(&c - cases));
         ScriptedCamera camera;
         camera.modes = c.modes;
         CameraCapabilityEx found;
         ASSERT_TRUE(camera.findClosestCapability(PixelFormat::Invalid, c.wanted, found, Priority(c.priority)));
         EXPECT_EQ(fieldsOf(found),
-                  (std::vector<std::uint32_t>{c.expected.width, c.expected.height, c.expected.frameRate, 1}))
-            << "wanted " << c.wanted.width << "x" << c.wanted.height << "@" << c.wanted.frameRate.numerator << "/"
-            << c.wanted.frameRate.denominator << ", priority " << c.priority;
+                  (std::vector<std::uint32_t>{c.expected.width, c.expected.height, c.expected.frameRate, 1}));
     }
-}
-
-TEST(BaseCameraClosest, NoModesLeaveFoundAloneAndPluginErrorsPropagate)
-{
+    // No modes, or a failing plug-in: false and `found` untouched; exceptions reach the caller.
     ScriptedCamera camera;
     CameraCapabilityEx found = wantedOf(11, 22, 33, 44);
     EXPECT_FALSE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found, Priority(0)));
@@ -162,7 +146,6 @@ TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
     EXPECT_TRUE(camera.isFormatSupported(PixelFormatDescription{yuyv, 7}));
     EXPECT_FALSE(camera.isFormatSupported(PixelFormatDescription{yuyv, 0}));
     EXPECT_FALSE(camera.isFormatSupported(PixelFormat::YUV420Planar));
-
     CameraCapabilityRanges r;
     camera.modes = {{0, 480, 30}, {640, 0, 15}, {320, 240, 0}};
     EXPECT_FALSE(camera.queryCapabilityRanges(PixelFormat::YUV420Planar, r)) << "format not listed";
@@ -176,58 +159,9 @@ TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
               (std::vector<std::uint32_t>{320, 640, 0, 240, 480, 0, 0, 1, 30, 1, 0, 1}));
     camera.modes.clear();
     EXPECT_FALSE(camera.queryCapabilityRanges(kNv12, r));
-}
-
-// A manager whose cameras are ScriptedCameras; counts how often it opens one.
-class ScriptedManager : public Internal::BaseCameraManager {
-public:
-    int opened = 0;
-    bool throwing = false;
-    std::weak_ptr<Camera> lastCamera;
-    bool init() override { return true; }
-    int getNumberOfCameras() override { return 1; }
-    bool getCameraInfo(unsigned int, CameraInfo&) override { return false; }
-    bool queryCapabilities(const std::string&, std::vector<CameraCapability>&) override { return false; }
-    std::shared_ptr<Camera> openCamera(const std::string& id) override
-    {
-        if (id != "cam")
-            return nullptr;
-        ++opened;
-        auto camera = std::make_shared<ScriptedCamera>();
-        camera->formats = {{PixelFormat::YUV420Planar, 3}};
-        camera->modes = {{640, 480, 30}, {320, 240, 15}};
-        camera->throwOnQuery = throwing;
-        lastCamera = camera;
-        return camera;
-    }
-};
-
-TEST(BaseCameraManagerOps, EveryCallOpensItsOwnCameraAndReleasesIt)
-{
-    ScriptedManager manager;
-    auto formats = manager.getSupportedFormats("cam");
-    ASSERT_EQ(formats.size(), 1u);
-    EXPECT_EQ(formats[0].modifier, 3u);
-    CameraCapabilityRanges ranges;
-    ASSERT_TRUE(manager.queryCapabilityRanges("cam", PixelFormat::YUV420Planar, ranges));
-    EXPECT_EQ(ranges.minWidth, 320u);
-    CameraCapabilityEx found;
-    ASSERT_TRUE(manager.findClosestCapability("cam", PixelFormat::YUV420Planar, wantedOf(300, 200, 10), found,
-                                              Priority::WidthHeightFrameRate));
-    EXPECT_EQ(fieldsOf(found), (std::vector<std::uint32_t>{320, 240, 15, 1}));
-    EXPECT_EQ(manager.opened, 3);
-    EXPECT_TRUE(manager.lastCamera.expired());
-
-    EXPECT_TRUE(manager.getSupportedFormats("other").empty());
-    EXPECT_FALSE(manager.queryCapabilityRanges("other", PixelFormat::YUV420Planar, ranges));
-    EXPECT_FALSE(manager.findClosestCapability("other", PixelFormat::YUV420Planar, wantedOf(1, 1, 1), found,
-                                               Priority::WidthHeightFrameRate));
-
-    manager.throwing = true;
-    EXPECT_THROW(manager.findClosestCapability("cam", PixelFormat::YUV420Planar, wantedOf(1, 1, 1), found,
-                                               Priority::WidthHeightFrameRate),
-                 std::runtime_error);
-    EXPECT_TRUE(manager.lastCamera.expired()) << "the camera is released on the exception path too";
+    camera.modes = {{320, 240, 5}};
+    camera.queryFails = true;
+    EXPECT_FALSE(camera.queryCapabilityRanges(kNv12, r));
 }
 
 TEST(CameraListenerSlots, SetListenerIsReentrantFromAListener)
@@ -247,6 +181,37 @@ TEST(CameraListenerSlots, SetListenerIsReentrantFromAListener)
     camera.reportError("x");
     camera.reportError("y");
     EXPECT_EQ(reentrant.errors, 1);
+}
+
+// Up to 16 cameras, equal facings keep their enumeration order; beyond,
+// the list is still sorted and nothing is lost or duplicated.
+TEST(CameraSort, SortsEveryShapeAndUpToSixteenIsStable)
+{
+    std::mt19937 random(1234);
+    for (int n : {0, 1, 2, 3, 5, 8, 12, 15, 16, 17, 33, 100, 1000})
+        for (int shape = 0; shape < 5; ++shape) {
+            SCOPED_TRACE("n=" + std::to_string(n) + " shape " + std::to_string(shape));
+            std::vector<CameraInfo> cameras;
+            for (int i = 0; i < n; ++i) {
+                const int facings[] = {static_cast<int>(random() % 7) - 3,   // duplicates, negatives
+                                       i, n - i, 0, i % 2 == 0 ? i : n - i}; // sorted, reversed, equal, organ pipe
+                cameras.push_back({std::to_string(i), "", "", facings[shape], 0, ""});
+            }
+            auto expected = cameras;
+            std::stable_sort(expected.begin(), expected.end(), [](auto& a, auto& b) { return a.facing < b.facing; });
+            Internal::sortCamerasByFacing(cameras);
+            std::vector<std::string> ids, expectedIds;
+            for (size_t i = 0; i < cameras.size(); ++i) {
+                EXPECT_EQ(cameras[i].facing, expected[i].facing);
+                ids.push_back(cameras[i].id);
+                expectedIds.push_back(expected[i].id);
+            }
+            if (n > 16) {
+                std::sort(ids.begin(), ids.end());
+                std::sort(expectedIds.begin(), expectedIds.end());
+            }
+            EXPECT_EQ(ids, expectedIds);
+        }
 }
 
 } // namespace
