@@ -17,20 +17,13 @@ using Internal::frameRateToInteger;
 using Priority = CameraCapabilityPriority;
 constexpr PixelFormat kNv12 = PixelFormat::YUV420SemiPlanar;
 
-// A camera whose modes and formats the test sets; it records what the base
-// class starts and lets the test report an error as a plug-in does.
+// A camera whose modes and formats the test sets; it records what the base class starts.
 struct ScriptedCamera : Internal::BaseCamera {
     using Internal::BaseCamera::startCapture;
     std::vector<CameraCapability> modes;
     std::vector<PixelFormatDescription> formats;
     bool queryFails = false, throwOnQuery = false;
     std::vector<std::pair<CameraCapability, PixelFormat>> started;
-    void reportError(const std::string& message)
-    {
-        std::lock_guard<std::recursive_mutex> lock(listenerMutex);
-        if (listener != nullptr)
-            listener->onError(message);
-    }
     bool startCapture(const CameraCapability& mode, PixelFormat format) override
     {
         return started.emplace_back(mode, format), true;
@@ -162,25 +155,6 @@ TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
     camera.modes = {{320, 240, 5}};
     camera.queryFails = true;
     EXPECT_FALSE(camera.queryCapabilityRanges(kNv12, r));
-}
-
-TEST(CameraListenerSlots, SetListenerIsReentrantFromAListener)
-{
-    ScriptedCamera camera;
-    struct Reentrant : CameraListener {
-        ScriptedCamera* camera = nullptr;
-        int errors = 0;
-        void onError(const std::string&) override
-        {
-            ++errors;
-            camera->setListener(nullptr); // recursive mutex: no self-deadlock
-        }
-    } reentrant;
-    reentrant.camera = &camera;
-    camera.setListener(&reentrant);
-    camera.reportError("x");
-    camera.reportError("y");
-    EXPECT_EQ(reentrant.errors, 1);
 }
 
 // Up to 16 cameras, equal facings keep their enumeration order; beyond,
