@@ -83,19 +83,13 @@ TEST_P(GstGraphicBufferLayout, MapsLikeGStreamer)
                                           static_cast<std::uint64_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&ref.frame, 0)),
                                           static_cast<std::uint64_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&ref.frame, 1)),
                                           nv12 ? 2u : 1u}));
+    // Cb and Cr reached the way an application would: by step and stride.
     EXPECT_TRUE(samePlane(view->y, view->yStride, ref.frame, 0));
-    // Every chroma sample, reached the way an application would: by step and stride.
-    for (int row = 0; row < GST_VIDEO_FRAME_COMP_HEIGHT(&ref.frame, 1); ++row)
-        for (int col = 0; col < GST_VIDEO_FRAME_COMP_WIDTH(&ref.frame, 1); ++col) {
-            const auto at = [&](int comp) {
-                return static_cast<const std::uint8_t*>(
-                    GST_VIDEO_FRAME_COMP_DATA(&ref.frame, comp))[row * GST_VIDEO_FRAME_COMP_STRIDE(&ref.frame, comp) +
-                                                                 col * GST_VIDEO_FRAME_COMP_PSTRIDE(&ref.frame, comp)];
-            };
-            const int offset = row * view->cStride + col * view->chromaStep;
-            ASSERT_EQ(view->cb[offset], at(1)) << row << "," << col;
-            ASSERT_EQ(view->cr[offset], at(2)) << row << "," << col;
-        }
+    EXPECT_TRUE(samePlane(view->cb, view->cStride, ref.frame, 1));
+    EXPECT_EQ(view->cr, nv12 ? view->cb + 1 : static_cast<std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&ref.frame, 2)));
+    if (!nv12) {
+        EXPECT_TRUE(samePlane(view->cr, view->cStride, ref.frame, 2));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, GstGraphicBufferLayout,
@@ -218,41 +212,6 @@ TEST(GstGraphicBufferTest, EmptyBuffersAndTheBaseImplementation)
     EXPECT_FALSE(GstFrame(nullptr, &info).map());
     EXPECT_FALSE(GstYCbCrFrame(source.buffer.get(), nullptr).map());
     EXPECT_EQ(refCount(source.buffer.get()), before + 1);
-}
-
-TEST(GstGraphicBufferTest, ViewsOutliveTheBufferAndMapIndependently)
-{
-    SourceFrame source = makeFrame(GST_VIDEO_FORMAT_NV12, 64, 48);
-    GstVideoInfo info = source.info; // must outlive the views: the direct constructor does not own it
-    GstBuffer* watched = source.buffer.get();
-    GstMapInfo map;
-    ASSERT_TRUE(gst_buffer_map(watched, &map, GST_MAP_READ));
-    const std::string luma(reinterpret_cast<const char*>(map.data), 64 * 48); // rows are not padded at 64
-    gst_buffer_unmap(watched, &map);
-    bool freed = false;
-    gst_mini_object_weak_ref(
-        GST_MINI_OBJECT_CAST(watched), [](gpointer flag, GstMiniObject*) { *static_cast<bool*>(flag) = true; }, &freed);
-    std::shared_ptr<Frame> frame;
-    std::shared_ptr<YCbCrFrame> ycbcr;
-    {
-        GstGraphicBuffer buffer(watched, &info);
-        frame = buffer.mapFrame();
-        ycbcr = buffer.mapYCbCr();
-        ASSERT_TRUE(frame && ycbcr);
-    }
-    source.buffer.reset(); // creator and graphic buffer gone: the views hold their own references
-    EXPECT_FALSE(freed);
-    auto* gstFrame = static_cast<GstFrame*>(frame.get());
-    ASSERT_TRUE(gstFrame->map()); // maps afresh, releasing its first mapping, beside the other view's
-    EXPECT_EQ(gstFrame->fourcc, code("NV12"));
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(frame->planes[0].data), luma.size()), luma);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(ycbcr->y), luma.size()), luma);
-    const int both = refCount(watched);
-    frame.reset();
-    EXPECT_FALSE(freed);
-    EXPECT_LT(refCount(watched), both);
-    ycbcr.reset();
-    EXPECT_TRUE(freed) << "the last view did not release the buffer";
 }
 
 } // namespace

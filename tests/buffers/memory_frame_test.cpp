@@ -52,18 +52,20 @@ struct AppFrame {
 struct Collector : VideoEncoderListener {
     void onEncodedFrame(const EncodedFrame& frame) override
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        stream.append(reinterpret_cast<const char*>(frame.data), frame.size);
+        record([&] { stream.append(reinterpret_cast<const char*>(frame.data), frame.size); });
     }
     void onEncoderError(const std::string& message) override
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        errors.push_back(message);
+        record([&] { errors.push_back(message); });
     }
     void onEncoderEos() override
     {
+        record([&] { eos = true; });
+    }
+    template <typename Change> void record(Change change)
+    {
         std::lock_guard<std::mutex> lock(mutex);
-        eos = true;
+        change();
         changed.notify_all();
     }
     std::mutex mutex;
