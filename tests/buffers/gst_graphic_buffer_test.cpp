@@ -10,13 +10,6 @@ using namespace lumiflux_test;
 
 namespace {
 
-std::uint32_t code(const char* text)
-{
-    std::uint32_t value = 0;
-    std::memcpy(&value, text, 4); // first character in the lowest byte
-    return value;
-}
-
 // Plane `plane` of a view against the reference: size, stride, pixels.
 void expectPlane(const Frame& view, const Reference& ref, int plane, int width, int height)
 {
@@ -60,7 +53,8 @@ TEST_P(GstGraphicBufferLayout, MapsLikeGStreamer)
     std::shared_ptr<Frame> frame = buffer.mapFrame();
     ASSERT_EQ(static_cast<bool>(frame), layout.fourcc != nullptr);
     if (frame) {
-        EXPECT_EQ(frame->fourcc, code(layout.fourcc));
+        EXPECT_EQ(frame->fourcc, static_cast<std::uint32_t>(
+                                     fourcc(layout.fourcc[0], layout.fourcc[1], layout.fourcc[2], layout.fourcc[3])));
         EXPECT_EQ(frame->timestamp, 123456u);
         expectPlane(*frame, ref, 0, w, h);
         // Chroma planes round odd sizes up; interleaved chroma is described
@@ -108,49 +102,29 @@ INSTANTIATE_TEST_SUITE_P(Layouts, GstGraphicBufferLayout,
                                     std::to_string(param.param.width) + "_" + std::to_string(param.param.padding);
                          });
 
+// DMA-buf memory is copied only when asked; ordinary memory is always shared.
 TEST(GstGraphicBufferTest, DmaBufCopiedOnlyWhenAsked)
 {
     SourceFrame source = makeFrame(GST_VIDEO_FORMAT_NV12, 320, 240);
     Ref<GstBuffer> dma = dmaBufCopy(source);
     ASSERT_TRUE(dma && gst_is_dmabuf_memory(gst_buffer_peek_memory(dma.get(), 0)));
     Reference ref(source.buffer.get(), source.info);
-    GstVideoInfo copiedInfo = source.info, sharedInfo = source.info;
-    std::shared_ptr<Frame> copiedView;
-    {
-        GstGraphicBuffer copied(dma.get(), &copiedInfo, true);
-        EXPECT_EQ(refCount(dma.get()), 1) << "the caller's buffer got a reference";
-        EXPECT_FALSE(gst_is_dmabuf_memory(gst_buffer_peek_memory(copied.buffer, 0)));
-        EXPECT_EQ(copied.timestamp, 1000000);
-        copiedView = copied.mapFrame();
-        ASSERT_TRUE(copiedView);
-    }
-    GstGraphicBuffer shared(dma.get(), &sharedInfo, false);
+    GstVideoInfo info = source.info;
+    GstGraphicBuffer copied(dma.get(), &info, true);
+    EXPECT_EQ(refCount(dma.get()), 1) << "the caller's buffer got a reference";
+    EXPECT_FALSE(gst_is_dmabuf_memory(gst_buffer_peek_memory(copied.buffer, 0)));
+    EXPECT_EQ(copied.timestamp, 1000000);
+    GstGraphicBuffer shared(dma.get(), &info, false), plain(source.buffer.get(), &info, true, 270);
     EXPECT_EQ(refCount(dma.get()), 2);
-    EXPECT_EQ(shared.buffer, dma.get());
-    std::shared_ptr<Frame> sharedView = shared.mapFrame();
-    ASSERT_TRUE(sharedView);
-    EXPECT_TRUE(samePlane(sharedView->planes[0].data, sharedView->planes[0].stride, ref.frame, 0));
-    // A device writes new pixels into the DMA-buf: the copy keeps the old
-    // ones, zero-copy buffers show the new ones.
-    const size_t size = gst_buffer_get_size(dma.get());
-    void* device = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED,
-                        gst_dmabuf_memory_get_fd(gst_buffer_peek_memory(dma.get(), 0)), 0);
-    ASSERT_NE(device, MAP_FAILED);
-    std::memset(device, 0x5A, size);
-    munmap(device, size);
-    for (int plane : {0, 1})
-        EXPECT_TRUE(samePlane(copiedView->planes[plane].data, copiedView->planes[plane].stride, ref.frame, plane));
-    EXPECT_EQ(sharedView->planes[0].data[0], 0x5A);
-    EXPECT_EQ(sharedView->planes[1].data[sharedView->planes[1].stride * 119 + 319], 0x5A);
-    // Ordinary memory is shared even when DMA-buf copies are asked for.
-    const int before = refCount(source.buffer.get());
-    {
-        GstGraphicBuffer buffer(source.buffer.get(), &copiedInfo, true, 270);
-        EXPECT_EQ(buffer.buffer, source.buffer.get());
-        EXPECT_EQ(refCount(source.buffer.get()), before + 1);
-        EXPECT_EQ(buffer.rotation(), 270);
+    EXPECT_EQ(std::vector<GstBuffer*>({shared.buffer, plain.buffer}),
+              std::vector<GstBuffer*>({dma.get(), source.buffer.get()}));
+    EXPECT_EQ(plain.rotation(), 270);
+    for (GstGraphicBuffer* buffer : {&copied, &shared}) {
+        std::shared_ptr<Frame> view = buffer->mapFrame();
+        ASSERT_TRUE(view);
+        for (int plane : {0, 1})
+            EXPECT_TRUE(samePlane(view->planes[plane].data, view->planes[plane].stride, ref.frame, plane));
     }
-    EXPECT_EQ(refCount(source.buffer.get()), before);
 }
 
 TEST(GstGraphicBufferTest, UnixReferenceTimestampBecomesPresentationTime)

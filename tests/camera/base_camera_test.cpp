@@ -24,6 +24,12 @@ struct ScriptedCamera : Internal::BaseCamera {
     std::vector<PixelFormatDescription> formats;
     bool queryFails = false, throwOnQuery = false;
     std::vector<std::pair<CameraCapability, PixelFormat>> started;
+    void reportError(const std::string& message) // as a plug-in reports: under the listener mutex
+    {
+        std::lock_guard<std::recursive_mutex> lock(listenerMutex);
+        if (listener != nullptr)
+            listener->onError(message);
+    }
     bool startCapture(const CameraCapability& mode, PixelFormat format) override
     {
         return started.emplace_back(mode, format), true;
@@ -155,6 +161,21 @@ TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
     camera.modes = {{320, 240, 5}};
     camera.queryFails = true;
     EXPECT_FALSE(camera.queryCapabilityRanges(kNv12, r));
+}
+
+TEST(CameraListenerSlots, SetListenerTakesEffectAndIsReentrantFromAListener)
+{
+    ScriptedCamera camera;
+    struct Reentrant : CameraListener {
+        Camera* camera = nullptr;
+        int errors = 0;
+        void onError(const std::string&) override { ++errors, camera->setListener(nullptr); } // recursive mutex
+    } reentrant;
+    reentrant.camera = &camera;
+    camera.setListener(&reentrant);
+    camera.reportError("x");
+    camera.reportError("y");
+    EXPECT_EQ(reentrant.errors, 1);
 }
 
 // Up to 16 cameras, equal facings keep their enumeration order; beyond,
