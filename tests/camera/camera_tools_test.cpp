@@ -62,6 +62,9 @@ TEST(CamerasTool, ListsTestCamerasByFacingWithPlacementFormatsAndModes)
     EXPECT_EQ(all[1]["mountAngle"], 90);
     EXPECT_EQ(all[1]["formats"][1]["format"], "YUV420Planar");
     EXPECT_EQ(all[1]["capabilities"].back(), nlohmann::json::parse(R"({"width":1280,"height":720,"frameRate":15})"));
+    // Nothing on stderr, not even at exit, when the plug-in shuts its device monitor down.
+    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras 2>&1 >/dev/null", "3"), &out), 0);
+    EXPECT_EQ(out, "");
     // A count that is not a number offers no test camera at all.
     ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --json 2>/dev/null", "three"), &out), 0);
     EXPECT_EQ(out.find("lumiflux-test"), std::string::npos) << out;
