@@ -49,13 +49,6 @@ struct ScriptedCamera : Internal::BaseCamera {
     bool setParameter(const std::string&, const std::string&) override { return false; }
 };
 
-CameraCapabilityEx wantedOf(std::uint32_t w, std::uint32_t h, std::uint32_t num, std::uint32_t den = 1)
-{
-    CameraCapabilityEx wanted;
-    wanted.width = w, wanted.height = h, wanted.frameRate = {num, den};
-    return wanted;
-}
-
 std::vector<std::uint32_t> fieldsOf(const CameraCapabilityEx& c)
 {
     return {c.width, c.height, c.frameRate.numerator, c.frameRate.denominator};
@@ -72,8 +65,8 @@ TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayMapsDegenerateFractionsToZeroAndS
     for (const auto& c : cases)
         EXPECT_EQ(frameRateToInteger(c[0], c[1]), c[2]) << c[0] << "/" << c[1];
     ScriptedCamera camera;
-    ASSERT_TRUE(camera.startCapture(wantedOf(1920, 1080, 30000, 1001), PixelFormat::YUV420Planar));
-    ASSERT_TRUE(camera.startCapture(wantedOf(640, 480, 0, 1), kNv12));
+    ASSERT_TRUE(camera.startCapture(CameraCapabilityEx{1920, 1080, {30000, 1001}}, PixelFormat::YUV420Planar));
+    ASSERT_TRUE(camera.startCapture(CameraCapabilityEx{640, 480, {0, 1}}, kNv12));
     ASSERT_EQ(camera.started.size(), 2u);
     const auto& [first, format] = camera.started[0];
     EXPECT_EQ(
@@ -94,24 +87,24 @@ TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
         CameraCapability expected;
     } cases[] = {
         // Width keeps the 1280s, height then 1280x720.
-        {mixed, wantedOf(1280, 720, 30), 0, {1280, 720, 15}},
-        {mixed, wantedOf(1280, 720, 30), 1, {1280, 720, 15}},
-        {mixed, wantedOf(1280, 720, 30), 2, {1280, 960, 30}},
-        {mixed, wantedOf(1280, 720, 30), 3, {640, 720, 30}},
-        {other, wantedOf(640, 700, 30), 0, {640, 720, 30}},
-        {other, wantedOf(1200, 480, 30), 1, {640, 480, 30}},
+        {mixed, CameraCapabilityEx{1280, 720, {30, 1}}, 0, {1280, 720, 15}},
+        {mixed, CameraCapabilityEx{1280, 720, {30, 1}}, 1, {1280, 720, 15}},
+        {mixed, CameraCapabilityEx{1280, 720, {30, 1}}, 2, {1280, 960, 30}},
+        {mixed, CameraCapabilityEx{1280, 720, {30, 1}}, 3, {640, 720, 30}},
+        {other, CameraCapabilityEx{640, 700, {30, 1}}, 0, {640, 720, 30}},
+        {other, CameraCapabilityEx{1200, 480, {30, 1}}, 1, {640, 480, 30}},
         // 600 and 680 are both 40 from 640: the first listed wins.
-        {{{680, 480, 30}, {600, 480, 30}, {680, 480, 30}}, wantedOf(640, 480, 30), 0, {680, 480, 30}},
-        {{{600, 480, 30}, {680, 480, 30}}, wantedOf(640, 480, 30), 0, {600, 480, 30}},
-        {rates, wantedOf(640, 480, 30000, 1001), 2, {640, 480, 30}},
-        {rates, wantedOf(640, 480, 0, 1), 2, {640, 480, 0}},
-        {rates, wantedOf(640, 480, 24000, 1001), 2, {640, 480, 24}},
+        {{{680, 480, 30}, {600, 480, 30}, {680, 480, 30}}, CameraCapabilityEx{640, 480, {30, 1}}, 0, {680, 480, 30}},
+        {{{600, 480, 30}, {680, 480, 30}}, CameraCapabilityEx{640, 480, {30, 1}}, 0, {600, 480, 30}},
+        {rates, CameraCapabilityEx{640, 480, {30000, 1001}}, 2, {640, 480, 30}},
+        {rates, CameraCapabilityEx{640, 480, {0, 1}}, 2, {640, 480, 0}},
+        {rates, CameraCapabilityEx{640, 480, {24000, 1001}}, 2, {640, 480, 24}},
         // Unknown priorities apply no filter: the first mode.
-        {{{320, 240, 5}, {1280, 720, 30}}, wantedOf(1280, 720, 30), 7, {320, 240, 5}},
-        {{{320, 240, 5}, {1280, 720, 30}}, wantedOf(1280, 720, 30), -1, {320, 240, 5}},
-        {{{320, 240, 5}, {1280, 720, 30}}, wantedOf(1280, 720, 30), 4, {320, 240, 5}},
+        {{{320, 240, 5}, {1280, 720, 30}}, CameraCapabilityEx{1280, 720, {30, 1}}, 7, {320, 240, 5}},
+        {{{320, 240, 5}, {1280, 720, 30}}, CameraCapabilityEx{1280, 720, {30, 1}}, -1, {320, 240, 5}},
+        {{{320, 240, 5}, {1280, 720, 30}}, CameraCapabilityEx{1280, 720, {30, 1}}, 4, {320, 240, 5}},
         // 4294967000 is -296 read as a signed difference from 0: nearer than 1000.
-        {{{1000, 1, 1}, {4294967000u, 1, 1}}, wantedOf(0, 1, 1), 0, {4294967000u, 1, 1}},
+        {{{1000, 1, 1}, {4294967000u, 1, 1}}, CameraCapabilityEx{0, 1, {1, 1}}, 0, {4294967000u, 1, 1}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("case " + std::to_string(&c - cases));
@@ -124,15 +117,18 @@ TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
     }
     // No modes, or a failing plug-in: false and `found` untouched; exceptions reach the caller.
     ScriptedCamera camera;
-    CameraCapabilityEx found = wantedOf(11, 22, 33, 44);
-    EXPECT_FALSE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found, Priority(0)));
+    CameraCapabilityEx found = CameraCapabilityEx{11, 22, {33, 44}};
+    EXPECT_FALSE(
+        camera.findClosestCapability(PixelFormat::Invalid, CameraCapabilityEx{1, 1, {1, 1}}, found, Priority(0)));
     camera.modes = {{320, 240, 5}};
     camera.queryFails = true;
-    EXPECT_FALSE(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found, Priority(0)));
+    EXPECT_FALSE(
+        camera.findClosestCapability(PixelFormat::Invalid, CameraCapabilityEx{1, 1, {1, 1}}, found, Priority(0)));
     EXPECT_EQ(fieldsOf(found), (std::vector<std::uint32_t>{11, 22, 33, 44}));
     camera.throwOnQuery = true;
-    EXPECT_THROW(camera.findClosestCapability(PixelFormat::Invalid, wantedOf(1, 1, 1), found, Priority(0)),
-                 std::runtime_error);
+    EXPECT_THROW(
+        camera.findClosestCapability(PixelFormat::Invalid, CameraCapabilityEx{1, 1, {1, 1}}, found, Priority(0)),
+        std::runtime_error);
 }
 
 TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)

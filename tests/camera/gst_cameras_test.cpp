@@ -46,45 +46,28 @@ CameraManager* loadCameraPlugin(const std::string& name)
 // checked after capture has stopped) and, as the application's manager
 // listener, hot-plug events with whether the camera was listed at the call.
 struct Recorder : CameraListener, CameraManagerListener {
-    void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override
+    void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override { record(frames, frame), run(inFrame); }
+    void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override { record(pictures, picture); }
+    void onError(const std::string& message) override { record(errors, message); }
+    void onCaptureEnded() override { record(ended, std::this_thread::get_id()), run(inEnded); }
+    void onCameraAdded(const std::string& id) override { hotPlug("added " + id, id); }
+    void onCameraRemoved(const std::string& id) override { hotPlug("removed " + id, id); }
+    void hotPlug(std::string event, const std::string& id)
     {
-        record([&] { frames.push_back(frame), threads.push_back(std::this_thread::get_id()); });
-        if (inFrame)
-            inFrame();
-    }
-    void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override
-    {
-        record([&] { pictures.push_back(picture); });
-    }
-    void onError(const std::string& message) override
-    {
-        record([&] { errors.push_back(message); });
-    }
-    void onCaptureEnded() override
-    {
-        record([&] { ended.push_back(std::this_thread::get_id()); });
-        if (inEnded)
-            inEnded();
-    }
-    void onCameraAdded(const std::string& id) override { hotPlug("added ", id); }
-    void onCameraRemoved(const std::string& id) override { hotPlug("removed ", id); }
-    void hotPlug(const std::string& kind, const std::string& id)
-    {
-        bool listed = false; // the root refreshed its list before calling
-        CameraInfo info;
+        CameraInfo info; // the root refreshed its list before calling
         for (unsigned i = 0; manager->getCameraInfo(i, info); ++i)
-            listed = listed || info.id == id;
-        record([&] {
-            events.push_back(kind + id + (listed ? " listed" : "")), threads.push_back(std::this_thread::get_id());
-        });
+            event += info.id == id ? " listed" : "";
+        record(events, event);
         manager->setListener(this); // re-registering from the callback: the listener mutex is recursive
     }
-    template <typename Change> void record(Change change)
+    template <typename T> void record(std::vector<T>& list, T value)
     {
         std::lock_guard<std::mutex> lock(mutex);
-        change();
+        list.push_back(std::move(value));
+        threads.push_back(std::this_thread::get_id());
         changed.notify_all();
     }
+    static void run(const std::function<void()>& hook) { hook ? hook() : void(); }
     bool waitFor(size_t count, const std::vector<std::string>* list = nullptr)
     {
         std::unique_lock<std::mutex> lock(mutex);
@@ -100,7 +83,7 @@ struct Recorder : CameraListener, CameraManagerListener {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<std::shared_ptr<GraphicBuffer>> frames, pictures;
-    std::vector<std::thread::id> threads, ended; // threads: of frames or of hot-plug events
+    std::vector<std::thread::id> threads, ended; // threads: of every call, in order
     std::vector<std::string> errors, events;
 };
 
@@ -121,23 +104,18 @@ void expectSolid(const std::shared_ptr<GraphicBuffer>& frame, int width, int chr
         }
 }
 
-// "WxH@rate" for every mode of the camera, or for every size and rate given.
-std::vector<std::string> modesOf(CameraManager* manager, const std::string& id)
+// The camera's modes in order, as "WxH@rate,rate WxH@rate".
+std::string modesOf(CameraManager* manager, const std::string& id)
 {
     std::vector<CameraCapability> modes;
     EXPECT_TRUE(manager->queryCapabilities(id, modes)) << id;
-    std::vector<std::string> text;
-    for (const auto& m : modes)
-        text.push_back(std::to_string(m.width) + "x" + std::to_string(m.height) + "@" + std::to_string(m.frameRate));
+    std::string text, size;
+    for (const auto& m : modes) {
+        const std::string next = std::to_string(m.width) + "x" + std::to_string(m.height);
+        text += (next == size ? "," : (text.empty() ? "" : " ") + next + "@") + std::to_string(m.frameRate);
+        size = next;
+    }
     return text;
-}
-std::vector<std::string> modesOf(std::initializer_list<const char*> sizes, std::initializer_list<int> rates)
-{
-    std::vector<std::string> modes;
-    for (const char* size : sizes)
-        for (int rate : rates)
-            modes.push_back(size + ("@" + std::to_string(rate)));
-    return modes;
 }
 
 TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroyingACapturingCamera)
@@ -149,9 +127,8 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
     // Fixed sizes; a [1/1, 60/1] rate range offered as the rates people ask
     // for, a list of rates as it is; no mode twice although three formats
     // list the same sizes.
-    auto expected = modesOf({"320x240", "640x480"}, {1, 5, 10, 15, 20, 24, 25, 30, 50, 60});
-    expected.insert(expected.end(), {"1280x720@30", "1280x720@15"});
-    EXPECT_EQ(modesOf(manager, info.id), expected);
+    EXPECT_EQ(modesOf(manager, info.id),
+              "320x240@1,5,10,15,20,24,25,30,50,60 640x480@1,5,10,15,20,24,25,30,50,60 1280x720@30,15");
     EXPECT_EQ(manager->openCamera("lumiflux-test:/test/9"), nullptr);
     auto front = manager->openCamera(info.id);
     ASSERT_TRUE(manager->getCameraInfo(1, info));
@@ -176,14 +153,12 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
     EXPECT_FALSE(front->startCapture(CameraCapability{0, 240, 30}, PixelFormat::YUV420SemiPlanar));
     EXPECT_FALSE(front->isCapturing());
 
-    CameraCapabilityEx exact;
-    exact.width = 640, exact.height = 480, exact.frameRate = {15, 1};
     // The back camera's listener leaves from inside its own call: no callback after that.
     backFrames.inFrame = [&] {
         if (backFrames.frameCount() == 4)
             back->setListener(nullptr);
     };
-    ASSERT_TRUE(back->startCapture(exact, PixelFormat::YUV420Planar));
+    ASSERT_TRUE(back->startCapture(CameraCapabilityEx{640, 480, {15, 1}}, PixelFormat::YUV420Planar));
     ASSERT_TRUE(front->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420SemiPlanar));
     EXPECT_TRUE(front->isCapturing());
     EXPECT_FALSE(front->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420SemiPlanar));
@@ -418,7 +393,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     gst_device_provider_device_add(provider, early);
     CameraManager* manager = loadCameraPlugin("gst-hotplug");
     const int before = manager->getNumberOfCameras();
-    EXPECT_EQ(modesOf(manager, "hotplug:/usb/0"), std::vector<std::string>{"320x240@15"});
+    EXPECT_EQ(modesOf(manager, "hotplug:/usb/0"), "320x240@15");
     Recorder listener;
     listener.manager = manager;
     manager->setListener(&listener);
@@ -435,8 +410,9 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     EXPECT_EQ(listener.events, std::vector<std::string>{"added hotplug:/usb/1 listed"});
     EXPECT_EQ(listener.threads[0], pluggingThread);
     EXPECT_EQ(manager->getNumberOfCameras(), before + 1);
-    EXPECT_EQ(modesOf(manager, "hotplug:/usb/1"),
-              modesOf({"160x120", "320x240", "352x288", "640x360", "640x480"}, {1, 5, 10, 15, 20, 24, 25, 30}));
+    EXPECT_EQ(modesOf(manager, "hotplug:/usb/1"), "160x120@1,5,10,15,20,24,25,30 320x240@1,5,10,15,20,24,25,30 "
+                                                  "352x288@1,5,10,15,20,24,25,30 640x360@1,5,10,15,20,24,25,30 "
+                                                  "640x480@1,5,10,15,20,24,25,30");
     // The plugged camera works like any other.
     auto camera = manager->openCamera("hotplug:/usb/1");
     ASSERT_NE(camera, nullptr);
