@@ -1,7 +1,6 @@
 #pragma once
-// Frames for the buffer tests: GStreamer buffers of pseudo-random pixels,
-// tightly packed or with padded rows described by a video meta, and
-// GStreamer's own mapping of a buffer as the oracle for what a view shows.
+// Buffers of pseudo-random pixels, packed or with padded rows in a video meta, and GStreamer's
+// own mapping of a buffer as the oracle for what a view shows.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -24,9 +23,7 @@ struct SourceFrame {
     GstVideoInfo info; ///< the tight layout GStreamer gives format and size
 };
 
-// With `padding`, every row of every plane is that many bytes longer than
-// needed and a video meta gives the planes' offsets and strides. Presentation
-// time one second.
+// With `padding`, rows of every plane are that much longer, described by a video meta. PTS 1 s.
 inline SourceFrame makeFrame(GstVideoFormat format, int width, int height, int padding = 0)
 {
     gst_init(nullptr, nullptr);

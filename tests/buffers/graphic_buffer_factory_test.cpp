@@ -1,5 +1,4 @@
-// GraphicBufferFactory: what a producer of GStreamer buffers uses to hand
-// frames to applications.
+// GraphicBufferFactory: how a producer of GStreamer buffers hands frames to applications.
 #include <lumiflux/gst_graphic_buffer.h>
 
 #include <atomic>
@@ -69,8 +68,7 @@ TEST(GraphicBufferFactoryTest, CreateForwardsItsArgumentsAndKeepsNothingAlive)
         EXPECT_EQ(shared->rotation(), 0);
     }
     EXPECT_EQ(refCount(dma.get()), 1);
-    // No buffer, or one whose layout is not the caps' (another format, planes
-    // of another count): an empty buffer rather than a failing mapping.
+    // No buffer, or one of another layout than the caps: an empty buffer, not a failing mapping.
     const SourceFrame others[] = {makeFrame(GST_VIDEO_FORMAT_NV12, 320, 240, 8),
                                   makeFrame(GST_VIDEO_FORMAT_YUY2, 320, 240, 8)};
     for (GstBuffer* wrong : {static_cast<GstBuffer*>(nullptr), others[0].buffer.get(), others[1].buffer.get()}) {
@@ -94,12 +92,9 @@ TEST(GraphicBufferFactoryTest, CreateForwardsItsArgumentsAndKeepsNothingAlive)
     EXPECT_EQ(refCount(source.buffer.get()), before);
 }
 
-// Many threads making buffers from one factory at once, each with its own
-// padded layout: every buffer and view must see its own strides. Meanwhile
-// all of them map views of one shared buffer, which each view maps on its
-// own. Each buffer owns a copy of the information, which its views keep alive
-// after factory and buffer are gone (under AddressSanitizer a read of it
-// after it was freed fails the test).
+// Threads making buffers of their own padded layouts from one factory, and views of one shared
+// buffer: each sees its own strides. Each buffer owns its information, which its views keep alive
+// after factory and buffer are gone (AddressSanitizer fails a read after it was freed).
 TEST(GraphicBufferFactoryThreads, ConcurrentCreationWithDifferentMetas)
 {
     constexpr int threads = 6, rounds = 150;

@@ -1,6 +1,5 @@
-// Frames from application memory (GraphicBufferFactory::fromMemory), used
-// the way an application uses them: plain byte vectors, no GStreamer call in
-// this file, the real codec plug-in behind LumifluxCodecManager().
+// GraphicBufferFactory::fromMemory as an application uses it: plain byte vectors, no GStreamer
+// call in this file, the real codec plug-in behind LumifluxCodecManager().
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -28,9 +27,8 @@ using Plane = GraphicBufferFactory::Plane;
 constexpr std::uint32_t width = 320, height = 240, frames = 20;
 constexpr std::int64_t period = 33333; // microseconds, 30 frames per second
 
-// One frame in the application's memory: each plane in a vector of its own,
-// rows padded by 24 bytes beyond their bytes, so that strides matter. Every
-// byte depends on plane, row, column and frame.
+// A frame in application memory: a vector per plane, rows padded by 24 bytes so that strides
+// matter; every byte depends on plane, row, column and frame.
 struct AppFrame {
     AppFrame(PixelFormat format, std::uint32_t index)
     {
@@ -75,9 +73,8 @@ struct Collector : VideoEncoderListener {
     bool eos = false;
 };
 
-// NV12 copied, I420 wrapped: an H.264 encoder of the codec plug-in takes
-// every frame (ffprobe counts them in the stream), and in wrap mode each
-// frame's release callback has run exactly once when the encoder has let go.
+// NV12 copied, I420 wrapped: the H.264 encoder takes every frame (ffprobe counts them), and each
+// wrapped frame's release callback has run exactly once when the encoder has let go.
 TEST(GraphicBufferFromMemory, H264EncodingFromPlainVectors)
 {
     const std::string dir = lumiflux_test::freshDirectory("memory-codecs");
@@ -129,9 +126,8 @@ TEST(GraphicBufferFromMemory, H264EncodingFromPlainVectors)
     }
 }
 
-// Both views show the application's bytes in every plane. Wrapping is zero
-// copy and releases exactly once, after the last holder (buffer or view);
-// copying takes the bytes at once.
+// Both views show the application's bytes. Wrapping is zero copy and releases exactly once, after
+// the last holder (buffer or view); copying takes the bytes at once.
 TEST(GraphicBufferFromMemory, WrapReleasesOnceAfterTheLastHolderAndCopyDetaches)
 {
     for (const PixelFormat format : {PixelFormat::YUV420SemiPlanar, PixelFormat::YUV420Planar})

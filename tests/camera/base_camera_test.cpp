@@ -1,5 +1,4 @@
-// The camera base classes on a camera whose primitive operations the test
-// controls, and the ordering of the camera list.
+// The camera base classes on a camera the test scripts, and the ordering of the camera list.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -145,8 +144,7 @@ TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
     camera.modes = {{0, 480, 30}, {640, 0, 15}, {320, 240, 0}};
     EXPECT_FALSE(camera.queryCapabilityRanges(PixelFormat::YUV420Planar, r)) << "format not listed";
     ASSERT_TRUE(camera.queryCapabilityRanges(kNv12, r));
-    // A leading 0 counts as unset, a 0 in the middle is replaced by the next
-    // value; only a 0 in the last mode stays the minimum.
+    // A 0 counts as unset and is replaced by the next value; only a 0 in the last mode stays.
     EXPECT_EQ((std::vector<std::uint32_t>{r.minWidth, r.maxWidth, r.stepWidth, r.minHeight, r.maxHeight, r.stepHeight,
                                           r.minFrameRate.numerator, r.minFrameRate.denominator,
                                           r.maxFrameRate.numerator, r.maxFrameRate.denominator,
@@ -174,8 +172,7 @@ TEST(CameraListenerSlots, SetListenerTakesEffectAndIsReentrantFromAListener)
     EXPECT_EQ(reentrant.errors, 1);
 }
 
-// Up to 16 cameras, equal facings keep their enumeration order; beyond,
-// the list is still sorted and nothing is lost or duplicated.
+// Up to 16 cameras equal facings keep their order; beyond, sorted, nothing lost or duplicated.
 TEST(CameraSort, SortsEveryShapeAndUpToSixteenIsStable)
 {
     std::mt19937 random(1234);

@@ -69,9 +69,8 @@ TEST(CamerasTool, ListsTestCamerasByFacingWithPlacementFormatsAndModes)
     ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --json 2>/dev/null", "three"), &out), 0);
     EXPECT_EQ(out.find("lumiflux-test"), std::string::npos) << out;
 
-    // Interrupted only once it says it is watching (a slow start under
-    // sanitizers must not turn into a kill before the handler is installed);
-    // the exit status is the tool's own after SIGINT, which must be a clean 0.
+    // Interrupted once it says it is watching (not before its handler is installed under slow
+    // sanitizers); the exit status after SIGINT is the tool's own, a clean 0.
     const std::string watch = lumiflux_test::freshDirectory("cameras-watch") + "/out";
     ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --watch --json") + " > " + watch +
                                         " 2>/dev/null & pid=$!; for i in $(seq 1 300); do grep -q watching " + watch +
@@ -103,8 +102,7 @@ TEST(CaptureTool, WritesTheRequestedFramesReportsTheRateAndFailsClearly)
     EXPECT_EQ(list[1]["frames"], 10);
     EXPECT_EQ(list[1]["height"], 240);
     EXPECT_GT(list[1]["measuredFrameRate"].get<double>(), 0.0);
-    // Ten NV12 frames, rows unpadded; the default pattern's first two bars
-    // (100% white and yellow: Y 235 and 210, neutral chroma under white).
+    // Ten NV12 frames, rows unpadded; the default bars white and yellow (Y 235, 210; Cb, Cr 128).
     std::ifstream in(file, std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     ASSERT_EQ(bytes.size(), 10u * 320 * 240 * 3 / 2);

@@ -1,7 +1,5 @@
-// lumiflux-gst-cameras end to end: the real plug-in module, loaded by the
-// library, over GStreamer's device monitor. Cameras come from the plug-in's
-// test-pattern provider (LUMIFLUX_TEST_CAMERAS) or, for hot-plug, from a
-// device provider this test registers itself before the plug-in starts.
+// lumiflux-gst-cameras end to end over GStreamer's device monitor: the plug-in's test-pattern
+// cameras (LUMIFLUX_TEST_CAMERAS), and for hot-plug a device provider of the test's own.
 #include <gtest/gtest.h>
 
 #include <gst/gst.h>
@@ -42,9 +40,8 @@ CameraManager* loadCameraPlugin(const std::string& name)
     return LumifluxManager();
 }
 
-// Records what a camera delivers (frames are kept, so their pixels can be
-// checked after capture has stopped) and, as the application's manager
-// listener, hot-plug events with whether the camera was listed at the call.
+// Records what a camera delivers (frames are kept for checks after the capture) and, as the
+// application's manager listener, hot-plug events with whether the camera was listed at the call.
 struct Recorder : CameraListener, CameraManagerListener {
     void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override { record(frames, frame), run(inFrame); }
     void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override { record(pictures, picture); }
@@ -87,8 +84,7 @@ struct Recorder : CameraListener, CameraManagerListener {
     std::vector<std::string> errors, events;
 };
 
-// Every sampled pixel of the frame has these Y, Cb and Cr values (the test
-// pattern is a solid colour); `width` and `chromaStep` tell size and layout.
+// Every sampled pixel of the solid-colour frame has these Y, Cb and Cr values.
 void expectSolid(const std::shared_ptr<GraphicBuffer>& frame, int width, int chromaStep, int y, int cb, int cr)
 {
     auto view = frame ? frame->mapYCbCr() : nullptr;
@@ -124,9 +120,8 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
     ASSERT_EQ(manager->getNumberOfCameras(), 2);
     CameraInfo info;
     ASSERT_TRUE(manager->getCameraInfo(0, info));
-    // Fixed sizes; a [1/1, 60/1] rate range offered as the rates people ask
-    // for, a list of rates as it is; no mode twice although three formats
-    // list the same sizes.
+    // A [1/1, 60/1] range offered as the rates people ask for, a list of rates as it is;
+    // no mode twice although three formats list the same sizes.
     EXPECT_EQ(modesOf(manager, info.id),
               "320x240@1,5,10,15,20,24,25,30,50,60 640x480@1,5,10,15,20,24,25,30,50,60 1280x720@30,15");
     EXPECT_EQ(manager->openCamera("lumiflux-test:/test/9"), nullptr);
@@ -247,8 +242,7 @@ TEST(GstCamerasTeardown, LastReferenceDroppedInsideOnFrameOrOnCaptureEnded)
         Recorder listener;
         std::promise<void> dropped;
         std::shared_ptr<Camera> held;
-        // Not before startCapture has returned: the application must not let
-        // go of a camera while one of its own calls into it is still running.
+        // Not before startCapture has returned: no letting go during one's own call into it.
         std::atomic<bool> running{false};
         listener.inFrame = [&] {
             if (running && held && listener.frameCount() >= 3) {
@@ -279,9 +273,8 @@ TEST(GstCamerasTeardown, LastReferenceDroppedInsideOnFrameOrOnCaptureEnded)
     }
 }
 
-// Calls the threading rules keep out of callbacks: refused with one error
-// line, or working; never a hang, and the application thread's own calls
-// afterwards (setListener, stopCapture) return.
+// Calls the threading rules keep out of callbacks: refused with one error line, or working;
+// never a hang, and the application thread's own calls afterwards return.
 TEST(GstCamerasTeardown, CallsIntoTheSameCameraFromOnFrame)
 {
     const struct {
@@ -307,8 +300,7 @@ TEST(GstCamerasTeardown, CallsIntoTheSameCameraFromOnFrame)
             std::atomic<Camera*> target{nullptr}; // set once startCapture has returned
             std::promise<bool> firstResult;
             std::atomic<int> calls{0};
-            // A working call on every frame, so that some call overlaps the
-            // application's stop below; a refused one once.
+            // A working call on every frame, to overlap the stop below; a refused one once.
             listener.inFrame = [&] {
                 Camera* camera = target;
                 if (camera == nullptr || (calls > 0 && entry.errorLine != nullptr))
@@ -364,8 +356,7 @@ GstDevice* plugDevice(const char* path, const char* caps)
     return GST_DEVICE(gst_object_ref_sink(device));
 }
 
-// Registered before the plug-in starts its device monitor, which looks for
-// providers when it starts. Devices come and go only by device_add/remove.
+// Registered before the plug-in's monitor starts; devices come and go only by device_add/remove.
 gboolean registerProvider(GstPlugin* plugin)
 {
     const GType type = g_type_register_static_simple(

@@ -1,6 +1,5 @@
-// The root camera manager over real fixture plug-ins. The plug-in scan and
-// the root's initialisation happen once per process, so every suite here is
-// its own CTest scenario with its own plug-in directory.
+// The root camera manager over real fixture plug-ins. Plug-in scan and root initialisation happen
+// once per process: every suite here is its own CTest scenario with its own plug-in directory.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -25,9 +24,8 @@ void add(FixtureCameraState* plugin, const std::string& id, int facing)
     plugin->cameras.push_back({id, "camera " + id, "", facing, 90, "fixture"});
 }
 
-// Copies the fixture module `count` times into a fresh plug-in directory and
-// loads it; the copies come back in the order the plug-in manager loaded
-// them, which is the order the root enumerates them in.
+// Loads `count` copies of the fixture module from a fresh plug-in directory, in the order the
+// plug-in manager loaded them, which is the order the root enumerates them in.
 std::vector<FixtureCameraState*> loadFixtures(const std::string& name, int count)
 {
     const std::string dir = lumiflux_test::freshDirectory(name);
@@ -148,8 +146,7 @@ TEST(RootEnumeration, OrdersByFacingStablyUpToSixteenAndRoutesById)
                 sixteen.push_back("camera" + std::to_string(i));
     EXPECT_EQ(manager->getNumberOfCameras(), 16);
     EXPECT_EQ(listed(manager), sixteen);
-    // A plug-in that throws while listed: the exception reaches the caller
-    // and the lock is released, so the next enumeration runs (no deadlock).
+    // A plug-in that throws while listed: the caller gets the exception, the lock is released.
     plugins[1]->throwOnInfo = true;
     EXPECT_THROW(manager->getNumberOfCameras(), std::runtime_error);
     plugins[1]->throwOnInfo = false;
