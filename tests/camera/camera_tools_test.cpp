@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
@@ -55,53 +54,31 @@ TEST(CamerasTool, ListsTestCamerasByFacingWithPlacementFormatsAndModes)
     EXPECT_EQ(all.back()["event"], "cameras");
     EXPECT_EQ(all.back()["count"], 3);
     const char* facings[] = {"front", "back", "external"};
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(all[i]["id"], "lumiflux-test:/test/" + std::to_string(i));
-        EXPECT_EQ(all[i]["facingName"], facings[i]);
-    }
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(all[i]["id"].get<std::string>() + " " + all[i]["facingName"].get<std::string>(),
+                  "lumiflux-test:/test/" + std::to_string(i) + " " + facings[i]);
     EXPECT_EQ(all[1]["mountAngle"], 90);
     EXPECT_EQ(all[1]["formats"][1]["format"], "YUV420Planar");
     EXPECT_EQ(all[1]["capabilities"].back(), nlohmann::json::parse(R"({"width":1280,"height":720,"frameRate":15})"));
     // Nothing on stderr, not even at exit, when the plug-in shuts its device monitor down.
     ASSERT_EQ(lumiflux_test::runCommand(tool("cameras 2>&1 >/dev/null", "3"), &out), 0);
     EXPECT_EQ(out, "");
-    // A count that is not a number offers no test camera at all.
-    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --json 2>/dev/null", "three"), &out), 0);
-    EXPECT_EQ(out.find("lumiflux-test"), std::string::npos) << out;
-
-    // Interrupted once it says it is watching (not before its handler is installed under slow
-    // sanitizers); the exit status after SIGINT is the tool's own, a clean 0.
-    const std::string watch = lumiflux_test::freshDirectory("cameras-watch") + "/out";
-    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --watch --json") + " > " + watch +
-                                        " 2>/dev/null & pid=$!; for i in $(seq 1 300); do grep -q watching " + watch +
-                                        " && break; sleep 0.1; done; kill -INT $pid; wait $pid"),
-              0);
-    std::ifstream in(watch);
-    auto list = records(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
-    ASSERT_GE(list.size(), 2u);
-    EXPECT_EQ(list.back()["event"], "watching");
-    EXPECT_EQ(list[list.size() - 2]["event"], "cameras");
 }
 
 TEST(CaptureTool, WritesTheRequestedFramesReportsTheRateAndFailsClearly)
 {
     const std::string file = lumiflux_test::freshDirectory("capture-tool") + "/frames.yuv";
     std::string out;
-    ASSERT_EQ(
-        lumiflux_test::runCommand(
-            tool("capture lumiflux-test:/test/1 --size 320x240 --fps 30 --frames 10 -o '" + file + "' --json"), &out),
-        0)
-        << out;
+    const std::string command = "capture lumiflux-test:/test/1 --size 320x240 --fps 30 --frames 10 --json -o ";
+    ASSERT_EQ(lumiflux_test::runCommand(tool(command + file), &out), 0) << out;
     auto list = records(out);
     ASSERT_EQ(list.size(), 2u) << out;
-    EXPECT_EQ(list[0]["event"], "started");
-    EXPECT_EQ(list[0]["width"], 320);
-    EXPECT_EQ(list[0]["frameRate"], 30);
-    EXPECT_EQ(list[0]["format"], "YUV420SemiPlanar");
-    EXPECT_EQ(list[1]["event"], "finished");
-    EXPECT_EQ(list[1]["frames"], 10);
-    EXPECT_EQ(list[1]["height"], 240);
-    EXPECT_GT(list[1]["measuredFrameRate"].get<double>(), 0.0);
+    EXPECT_GT(list[1]["measuredFrameRate"].get<double>() * list[1]["seconds"].get<double>(), 0.0);
+    list[1].erase("measuredFrameRate"), list[1].erase("seconds");
+    EXPECT_EQ(list[0], nlohmann::json::parse(R"({"event":"started","id":"lumiflux-test:/test/1","width":320,)"
+                                             R"("height":240,"frameRate":30,"format":"YUV420SemiPlanar"})"));
+    EXPECT_EQ(list[1], nlohmann::json::parse(R"({"event":"finished","frames":10,"width":320,"height":240,"output":")" +
+                                             file + "\"}"));
     // Ten NV12 frames, rows unpadded; the default bars white and yellow (Y 235, 210; Cb, Cr 128).
     std::ifstream in(file, std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -115,10 +92,6 @@ TEST(CaptureTool, WritesTheRequestedFramesReportsTheRateAndFailsClearly)
     EXPECT_NE(out.find("capturing from lumiflux-test:/test/0: 640x480 @ 30 fps YUV420Planar"), std::string::npos)
         << out;
     EXPECT_NE(out.find("captured 5 frames of 640x480, measured "), std::string::npos) << out;
-    EXPECT_EQ(out.find("\rframes"), std::string::npos) << "no live line into a pipe";
-    // script(1) gives the tool a terminal: now the live line appears.
-    ASSERT_EQ(lumiflux_test::runCommand("script -qec \"" + tool("capture 0 --frames 15") + "\" /dev/null", &out), 0);
-    EXPECT_NE(out.find("\rframes "), std::string::npos) << out;
     EXPECT_EQ(lumiflux_test::runCommand(tool("capture no-such-camera 2>&1"), &out), 1);
     EXPECT_NE(out.find("NotFound: no camera 'no-such-camera'"), std::string::npos) << out;
     EXPECT_EQ(lumiflux_test::runCommand(tool("capture 0 --size 640by480 2>&1"), &out), 1);
