@@ -202,67 +202,27 @@ std::shared_ptr<Camera> startedCamera(Recorder& listener)
     return camera;
 }
 
-void expectCapturesAgain()
+// The last reference let go inside onFrame or onCaptureEnded, and calls into the same camera from onFrame:
+// refused with one error line or working, never a hang; afterwards the camera opens and captures again.
+TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
 {
-    Recorder again;
-    auto camera = startedCamera(again);
-    EXPECT_TRUE(again.waitFor(3));
-    EXPECT_TRUE(camera->stopCapture());
-}
-
-TEST(GstCamerasTeardown, LastReferenceDroppedInsideOnFrameOrOnCaptureEnded)
-{
-    {
-        lumiflux_test::Watchdog watchdog("dropping the camera inside onFrame", 30s);
-        Recorder listener;
-        std::promise<void> dropped;
-        std::shared_ptr<Camera> held;
-        std::atomic<bool> running{false}; // once startCapture has returned
-        listener.inFrame = [&] {
-            if (running && held && listener.frameCount() >= 3) {
-                held.reset(); // the application's only reference, on the streaming thread
-                dropped.set_value();
-            }
-        };
-        held = startedCamera(listener);
-        running = true;
-        ASSERT_EQ(dropped.get_future().wait_for(20s), std::future_status::ready);
-        const size_t atDrop = listener.frameCount();
-        std::this_thread::sleep_for(200ms);
-        EXPECT_EQ(listener.frameCount(), atDrop) << "no callback after the last reference went";
-        expectCapturesAgain();
-    }
-    {
-        lumiflux_test::Watchdog watchdog("dropping the camera inside onCaptureEnded", 30s);
-        Recorder listener;
-        std::shared_ptr<Camera> held;
-        listener.inEnded = [&] { held.reset(); };
-        held = startedCamera(listener);
-        Camera* camera = held.get();
-        ASSERT_TRUE(listener.waitFor(2));
-        EXPECT_TRUE(camera->stopCapture()) << "reports the end inside, and survives the release";
-        EXPECT_EQ(held, nullptr);
-        expectCapturesAgain();
-    }
-}
-
-// Calls the threading rules keep out of callbacks: refused with one error line, or working;
-// never a hang, and the application thread's own calls afterwards return.
-TEST(GstCamerasTeardown, CallsIntoTheSameCameraFromOnFrame)
-{
+    enum Release { None, InFrame, InEnded };
     const struct {
         const char* name;
+        Release release;
         std::function<bool(Camera&)> call;
         const char* errorLine; // text of the one expected error line; null: the call works
     } cases[] = {
-        {"stopCapture", [](Camera& c) { return c.stopCapture(); }, "stopCapture on "},
-        {"startCapture",
+        {"release inside onFrame", InFrame, nullptr, nullptr},
+        {"release inside onCaptureEnded", InEnded, nullptr, nullptr},
+        {"stopCapture", None, [](Camera& c) { return c.stopCapture(); }, "stopCapture on "},
+        {"startCapture", None,
          [](Camera& c) {
              return c.startCapture(CameraCapability{160, 120, 30}, PixelFormat::YUV420Planar);
          },
          "startCapture on "},
-        {"takePicture", [](Camera& c) { return c.takePicture(); }, nullptr},
-        {"setParameter", [](Camera& c) { return c.setParameter("pattern", "black"); }, nullptr},
+        {"takePicture", None, [](Camera& c) { return c.takePicture(); }, nullptr},
+        {"setParameter", None, [](Camera& c) { return c.setParameter("pattern", "black"); }, nullptr},
     };
     for (const auto& entry : cases) {
         SCOPED_TRACE(entry.name);
@@ -270,26 +230,38 @@ TEST(GstCamerasTeardown, CallsIntoTheSameCameraFromOnFrame)
         {
             lumiflux_test::Watchdog watchdog(entry.name, 30s);
             Recorder listener;
+            std::shared_ptr<Camera> held;
             std::atomic<Camera*> target{nullptr}; // set once startCapture has returned
             std::promise<bool> firstResult;
             std::atomic<int> calls{0};
-            // A working call on every frame, to overlap the stop below; a refused one once.
+            // A working call on every frame, to overlap the stop below; anything else once.
             listener.inFrame = [&] {
                 Camera* camera = target;
-                if (camera == nullptr || (calls > 0 && entry.errorLine != nullptr))
+                if (!camera || listener.frameCount() < 3 || (calls > 0 && !entry.call) ||
+                    (calls > 0 && entry.errorLine))
                     return;
-                const bool result = entry.call(*camera);
+                const bool result =
+                    entry.release == InFrame ? (held.reset(), true) : !entry.call || entry.call(*camera);
                 if (++calls == 1)
                     firstResult.set_value(result);
             };
-            auto camera = startedCamera(listener);
-            target = camera.get();
+            listener.inEnded = [&] { entry.release == InEnded ? held.reset() : void(); };
+            held = startedCamera(listener);
+            Camera* camera = held.get();
+            target = camera;
             auto result = firstResult.get_future();
             ASSERT_EQ(result.wait_for(20s), std::future_status::ready);
             EXPECT_EQ(result.get(), entry.errorLine == nullptr);
-            ASSERT_TRUE(entry.errorLine || listener.waitFor(6));
-            camera->setListener(nullptr);
-            EXPECT_TRUE(camera->stopCapture());
+            if (entry.release == InFrame) {
+                const size_t atRelease = listener.frameCount();
+                std::this_thread::sleep_for(200ms);
+                EXPECT_EQ(listener.frameCount(), atRelease) << "no callback after the last reference went";
+            } else {
+                ASSERT_TRUE(entry.errorLine || listener.waitFor(6));
+                entry.release == InEnded ? void() : camera->setListener(nullptr);
+                EXPECT_TRUE(camera->stopCapture()) << "survives a release inside it";
+                EXPECT_EQ(held == nullptr, entry.release == InEnded);
+            }
         }
         const auto lines = lumiflux_test::syslogRecordsContaining(entry.errorLine ? entry.errorLine : " refused ");
         ASSERT_EQ(lines.size(), entry.errorLine ? 1u : 0u) << "one error line per refused call";
@@ -297,6 +269,10 @@ TEST(GstCamerasTeardown, CallsIntoTheSameCameraFromOnFrame)
             EXPECT_EQ(lines[0].priority & 7, 3) << "LOG_ERR";
             EXPECT_NE(lines[0].text.find("refused inside its own listener call"), std::string::npos) << lines[0].text;
         }
+        Recorder again;
+        auto camera = startedCamera(again);
+        EXPECT_TRUE(again.waitFor(3));
+        EXPECT_TRUE(camera->stopCapture());
     }
 }
 
