@@ -24,8 +24,7 @@ void add(FixtureCameraState* plugin, const std::string& id, int facing)
     plugin->cameras.push_back({id, "camera " + id, "", facing, 90, "fixture"});
 }
 
-// Loads `count` copies of the fixture module from a fresh plug-in directory, in the order the
-// plug-in manager loaded them, which is the order the root enumerates them in.
+// `count` copies of the fixture module from a fresh plug-in directory, in the root's enumeration order.
 std::vector<FixtureCameraState*> loadFixtures(const std::string& name, int count)
 {
     const std::string dir = lumiflux_test::freshDirectory(name);
@@ -40,7 +39,6 @@ std::vector<FixtureCameraState*> loadFixtures(const std::string& name, int count
     return result;
 }
 
-// The ids as getCameraInfo gives them, index by index, until it fails.
 std::vector<std::string> listed(CameraManager* manager)
 {
     std::vector<std::string> ids;
@@ -54,15 +52,11 @@ TEST(RootNoPlugins, ManagerExistsAndEveryCallFailsQuietly)
 {
     setenv("LUMIFLUX_PLUGIN_DIR", (lumiflux_test::freshDirectory("root-none") + "/absent").c_str(), 1);
     CameraManager* manager = LumifluxManager();
-    ASSERT_NE(manager, nullptr);
-    EXPECT_EQ(LumifluxManager(), manager);
-    EXPECT_TRUE(manager->init());
+    ASSERT_TRUE(manager && LumifluxManager() == manager && manager->init());
     EXPECT_EQ(manager->getNumberOfCameras(), 0);
     CameraInfo info;
-    EXPECT_FALSE(manager->getCameraInfo(0, info));
     std::vector<CameraCapability> caps;
-    EXPECT_FALSE(manager->queryCapabilities("x", caps));
-    EXPECT_EQ(manager->openCamera("x"), nullptr);
+    EXPECT_FALSE(manager->getCameraInfo(0, info) || manager->queryCapabilities("x", caps) || manager->openCamera("x"));
 }
 
 TEST(RootEnumeration, OrdersByFacingStablyUpToSixteenAndRoutesById)
@@ -100,34 +94,29 @@ TEST(RootEnumeration, OrdersByFacingStablyUpToSixteenAndRoutesById)
 
     // The duplicated id reaches the later plug-in: its camera has facing 0.
     auto camera = manager->openCamera("dup");
-    ASSERT_NE(camera, nullptr);
-    ASSERT_TRUE(camera->getInfo(first));
+    ASSERT_TRUE(camera && camera->getInfo(first));
     EXPECT_EQ(first.provider, "p1");
+    // The base manager operations go through the owner's openCamera; a mode's width is its facing + 100.
     std::vector<CameraCapability> caps;
-    ASSERT_TRUE(manager->queryCapabilities("dup", caps));
-    ASSERT_EQ(caps.size(), 1u);
-    EXPECT_EQ(caps[0].width, 100u); // facing 0 + 100
-    // The base manager operations go through the owner's openCamera.
-    ASSERT_EQ(manager->getSupportedFormats("c-front").size(), 1u);
     CameraCapabilityRanges ranges;
-    ASSERT_TRUE(manager->queryCapabilityRanges("a-ext", PixelFormat::YUV420SemiPlanar, ranges));
-    EXPECT_EQ(ranges.maxWidth, 102u);
     CameraCapabilityEx found;
-    ASSERT_TRUE(manager->findClosestCapability("b-back", PixelFormat::YUV420SemiPlanar, CameraCapabilityEx{}, found,
-                                               CameraCapabilityPriority::WidthHeightFrameRate));
-    EXPECT_EQ(found.width, 101u);
+    const auto nv12 = PixelFormat::YUV420SemiPlanar;
+    const auto byWidth = CameraCapabilityPriority::WidthHeightFrameRate;
+    ASSERT_TRUE(manager->queryCapabilities("dup", caps) && manager->queryCapabilityRanges("a-ext", nv12, ranges) &&
+                manager->findClosestCapability("b-back", nv12, CameraCapabilityEx{}, found, byWidth));
+    EXPECT_EQ((std::vector<std::uint32_t>{static_cast<std::uint32_t>(caps.size()), caps[0].width, ranges.maxWidth,
+                                          found.width,
+                                          static_cast<std::uint32_t>(manager->getSupportedFormats("c-front").size())}),
+              (std::vector<std::uint32_t>{1, 100, 102, 101, 1}));
     // Unknown ids, the camera of the plug-in whose init failed, an index that
     // failed, and a camera its plug-in no longer opens (gone since the listing).
     const auto saved = plugins[0]->cameras;
     plugins[0]->cameras.erase(plugins[0]->cameras.begin() + 2); // a-back2
     for (const char* id : {"never", "b-skipped", "", "a-back2"}) {
         SCOPED_TRACE(id);
-        EXPECT_EQ(manager->openCamera(id), nullptr);
-        EXPECT_FALSE(manager->queryCapabilities(id, caps));
-        EXPECT_TRUE(manager->getSupportedFormats(id).empty());
-        EXPECT_FALSE(manager->queryCapabilityRanges(id, PixelFormat::YUV420SemiPlanar, ranges));
-        EXPECT_FALSE(manager->findClosestCapability(id, PixelFormat::YUV420SemiPlanar, CameraCapabilityEx{}, found,
-                                                    CameraCapabilityPriority::WidthHeightFrameRate));
+        EXPECT_FALSE(manager->openCamera(id) || manager->queryCapabilities(id, caps) ||
+                     !manager->getSupportedFormats(id).empty() || manager->queryCapabilityRanges(id, nv12, ranges) ||
+                     manager->findClosestCapability(id, nv12, CameraCapabilityEx{}, found, byWidth));
     }
     // Every call re-enumerates; the list is stable when nothing changed.
     plugins[0]->cameras = saved;
@@ -149,7 +138,7 @@ TEST(RootEnumeration, OrdersByFacingStablyUpToSixteenAndRoutesById)
     // A plug-in that throws while listed: the caller gets the exception, the lock is released.
     plugins[1]->throwOnInfo = true;
     EXPECT_THROW(manager->getNumberOfCameras(), std::runtime_error);
-    plugins[1]->throwOnInfo = false;
+    plugins[1]->throwOnInfo = false; // then it answers again: the root's lock was released
     EXPECT_EQ(manager->getNumberOfCameras(), 16);
 }
 
