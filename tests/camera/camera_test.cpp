@@ -27,37 +27,6 @@ using Internal::frameRateToInteger;
 using Priority = CameraCapabilityPriority;
 constexpr PixelFormat kNv12 = PixelFormat::YUV420SemiPlanar;
 
-// A camera whose modes and formats the test sets; it records what the base class starts.
-struct ScriptedCamera : Internal::BaseCamera {
-    using Internal::BaseCamera::startCapture;
-    std::vector<CameraCapability> modes;
-    std::vector<PixelFormatDescription> formats;
-    bool queryFails = false, throwOnQuery = false;
-    std::vector<std::pair<CameraCapability, PixelFormat>> started;
-    void reportError(const std::string& message) // as a plug-in reports: under the listener mutex
-    {
-        std::lock_guard<std::recursive_mutex> lock(listenerMutex);
-        listener ? listener->onError(message) : void();
-    }
-    bool startCapture(const CameraCapability& mode, PixelFormat format) override
-    {
-        return started.emplace_back(mode, format), true;
-    }
-    bool queryCapabilities(std::vector<CameraCapability>& out) override
-    {
-        if (throwOnQuery)
-            throw std::runtime_error("device gone");
-        return out = modes, !queryFails;
-    }
-    std::vector<PixelFormatDescription> getSupportedFormats() override { return formats; }
-    bool getInfo(CameraInfo&) override { return false; }
-    bool stopCapture() override { return false; }
-    bool isCapturing() override { return false; }
-    bool takePicture() override { return false; }
-    bool getParameter(const std::string&, std::string&) override { return false; }
-    bool setParameter(const std::string&, const std::string&) override { return false; }
-};
-
 std::vector<std::uint32_t> fieldsOf(const CameraCapabilityEx& c)
 {
     return {c.width, c.height, c.frameRate.numerator, c.frameRate.denominator};
