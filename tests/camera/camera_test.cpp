@@ -27,10 +27,9 @@ using Internal::frameRateToInteger;
 using Priority = CameraCapabilityPriority;
 constexpr PixelFormat kNv12 = PixelFormat::YUV420SemiPlanar;
 
-std::vector<std::uint32_t> fieldsOf(const CameraCapabilityEx& c)
-{
-    return {c.width, c.height, c.frameRate.numerator, c.frameRate.denominator};
-}
+auto fieldsOf = [](const CameraCapabilityEx& c) {
+    return std::vector<std::uint32_t>{c.width, c.height, c.frameRate.numerator, c.frameRate.denominator};
+};
 
 TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayMapsDegenerateFractionsToZeroAndStartsCaptureWithIt)
 {
@@ -144,30 +143,28 @@ TEST(CameraListenerSlots, SetListenerTakesEffectAndIsReentrantFromAListener)
 }
 
 // Up to 16 cameras equal facings keep their order; beyond, sorted, nothing lost or duplicated.
-TEST(CameraSort, SortsEveryShapeAndUpToSixteenIsStable)
+TEST(CameraSort, UpToSixteenIsStableAndBeyondSorted)
 {
     std::mt19937 random(1234);
-    for (int n : {0, 1, 2, 3, 5, 8, 12, 15, 16, 17, 33, 100, 1000})
-        for (int shape = 0; shape < 5; ++shape) {
-            SCOPED_TRACE("n=" + std::to_string(n) + " shape " + std::to_string(shape));
+    for (int n : {0, 1, 2, 5, 15, 16, 17, 33, 1000})
+        for (int shape = 0; shape < 5; ++shape) { // random with duplicates, sorted, reversed, equal, organ pipe
             std::vector<CameraInfo> cameras;
-            for (int i = 0; i < n; ++i) {
-                const int facings[] = {static_cast<int>(random() % 7) - 3,   // duplicates, negatives
-                                       i, n - i, 0, i % 2 == 0 ? i : n - i}; // sorted, reversed, equal, organ pipe
-                cameras.push_back({std::to_string(i), "", "", facings[shape], 0, ""});
-            }
+            for (int i = 0; i < n; ++i)
+                cameras.push_back({std::to_string(i), "", "",
+                                   std::vector<int>{int(random() % 7) - 3, i, n - i, 0, i % 2 ? n - i : i}[shape], 0,
+                                   ""});
             auto expected = cameras;
             std::stable_sort(expected.begin(), expected.end(), [](auto& a, auto& b) { return a.facing < b.facing; });
             Internal::sortCamerasByFacing(cameras);
-            // Beyond 16 only facings in order and the same set of ids: equal facings may swap.
-            auto key = [n](const CameraInfo& c) { return std::to_string(c.facing) + (n > 16 ? "" : "/" + c.id); };
-            std::vector<std::string> got, want;
+            std::string got, want; // beyond 16, equal facings may swap: the ids are compared as a set
             std::multiset<std::string> ids, expectedIds;
-            for (size_t i = 0; i < cameras.size(); ++i)
-                got.push_back(key(cameras[i])), want.push_back(key(expected[i])), ids.insert(cameras[i].id),
-                    expectedIds.insert(expected[i].id);
-            EXPECT_EQ(got, want);
-            EXPECT_EQ(ids, expectedIds);
+            for (size_t i = 0; i < cameras.size(); ++i, got += " ", want += " ") {
+                got += std::to_string(cameras[i].facing) + (n > 16 ? "" : "/" + cameras[i].id);
+                want += std::to_string(expected[i].facing) + (n > 16 ? "" : "/" + expected[i].id);
+                ids.insert(cameras[i].id), expectedIds.insert(expected[i].id);
+            }
+            EXPECT_EQ(got, want) << n << " shape " << shape;
+            EXPECT_EQ(ids, expectedIds) << n << " shape " << shape;
         }
 }
 
