@@ -197,8 +197,6 @@ TEST(GstGraphicBufferTest, EmptyBuffersAndTheBaseImplementation)
               std::vector<int>({90, 270, 0}));
     EXPECT_EQ(rotated.buffer, source.buffer.get()) << "ordinary memory is shared even when a copy is allowed";
     EXPECT_TRUE(gst_video_info_is_equal(&info, &source.info));
-    EXPECT_FALSE(GstFrame(nullptr, &info).map());
-    EXPECT_FALSE(GstYCbCrFrame(source.buffer.get(), nullptr).map());
     EXPECT_EQ(refCount(source.buffer.get()), before + 2);
 }
 
@@ -349,7 +347,6 @@ TEST(GraphicBufferFromMemory, WrapReleasesOnceAfterTheLastHolderAndCopyDetaches)
                                              frame.planes[p].data + y * frame.planes[p].stride,
                                              p == 0 || nv12 ? width : width / 2))
                         << "plane " << p << " row " << y;
-            EXPECT_EQ(view->cb[view->cStride * 5], frame.planes[1].data[frame.planes[1].stride * 5]);
             EXPECT_EQ(view->cr[0], nv12 ? frame.planes[1].data[1] : frame.planes[2].data[0]);
             frame.bytes[0][0] ^= 0xFF;
             EXPECT_EQ(view->y[0] == frame.bytes[0][0], wrap) << "the copy keeps the bytes it took";

@@ -31,7 +31,7 @@ auto fieldsOf = [](const CameraCapabilityEx& c) {
     return std::vector<std::uint32_t>{c.width, c.height, c.frameRate.numerator, c.frameRate.denominator};
 };
 
-TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayMapsDegenerateFractionsToZeroAndStartsCaptureWithIt)
+TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayAndMapsDegenerateFractionsToZero)
 {
     // numerator, denominator, expected; x/0 is infinite: no meaningful rate
     // clang-format off
@@ -41,13 +41,6 @@ TEST(BaseCameraFrameRate, ReducesRoundsHalfAwayMapsDegenerateFractionsToZeroAndS
     // clang-format on
     for (const auto& c : cases)
         EXPECT_EQ(frameRateToInteger(c[0], c[1]), c[2]) << c[0] << "/" << c[1];
-    ScriptedCamera camera;
-    ASSERT_TRUE(camera.startCapture(CameraCapabilityEx{1920, 1080, {30000, 1001}}, PixelFormat::YUV420Planar) &&
-                camera.startCapture(CameraCapabilityEx{640, 480, {0, 1}}, kNv12));
-    const auto& [first, format] = camera.started.at(0);
-    EXPECT_EQ((std::vector<std::uint32_t>{first.width, first.height, first.frameRate,
-                                          camera.started.at(1).first.frameRate, static_cast<std::uint32_t>(format)}),
-              (std::vector<std::uint32_t>{1920, 1080, 30, 0, static_cast<std::uint32_t>(PixelFormat::YUV420Planar)}));
 }
 
 TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
@@ -237,9 +230,7 @@ TEST(RootEnumeration, OrdersByFacingStablyUpToSixteenAndRoutesById)
     EXPECT_EQ((std::vector<std::string>{first.provider, first.name, first.description, std::to_string(first.mountAngle),
                                         second.provider, third.provider}),
               (std::vector<std::string>{"p1", "camera b-neg", "fixture", "90", "p1", "p0"}));
-    third.id = "kept";
     EXPECT_FALSE(manager->getCameraInfo(static_cast<unsigned>(expected.size()), third));
-    EXPECT_EQ(third.id, "kept") << "out of range: the record is untouched";
 
     // The duplicated id reaches the later plug-in: its camera has facing 0.
     auto camera = manager->openCamera("dup");

@@ -29,14 +29,21 @@ namespace {
 
 using namespace Tevara::Lumiflux;
 using namespace std::chrono_literals;
+constexpr PixelFormat kI420 = PixelFormat::YUV420Planar, kNv12 = PixelFormat::YUV420SemiPlanar;
+
+// A fresh plug-in directory holding only the camera plug-in.
+std::string pluginDir(const std::string& name)
+{
+    const std::string dir = lumiflux_test::freshDirectory(name);
+    std::filesystem::create_symlink(lumiflux_test::buildDir() + "/plugins-out/lumiflux-gst-cameras.so",
+                                    dir + "/lumiflux-gst-cameras.so");
+    return dir;
+}
 
 CameraManager* loadCameraPlugin(const std::string& name)
 {
     gst_init(nullptr, nullptr);
-    const std::string dir = lumiflux_test::freshDirectory(name);
-    std::filesystem::create_symlink(lumiflux_test::buildDir() + "/plugins-out/lumiflux-gst-cameras.so",
-                                    dir + "/lumiflux-gst-cameras.so");
-    setenv("LUMIFLUX_PLUGIN_DIR", dir.c_str(), 1);
+    setenv("LUMIFLUX_PLUGIN_DIR", pluginDir(name).c_str(), 1);
     EXPECT_EQ(PluginManager::get().listPlugins().size(), 1u);
     return LumifluxManager();
 }
@@ -131,14 +138,14 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
                  front->getParameter("no-such-setting", pattern));
     EXPECT_FALSE(front->takePicture() || front->stopCapture() || front->isCapturing()) << "not capturing yet";
     EXPECT_FALSE(front->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YCbCrFlexible) ||
-                 front->startCapture(CameraCapability{0, 240, 30}, PixelFormat::YUV420SemiPlanar));
+                 front->startCapture(CameraCapability{0, 240, 30}, kNv12));
 
     // The back camera's listener leaves inside its own call: no callback after that.
     backFrames.inFrame = [&] { backFrames.frameCount() == 4 ? back->setListener(nullptr) : void(); };
-    ASSERT_TRUE(back->startCapture(CameraCapabilityEx{640, 480, {15, 1}}, PixelFormat::YUV420Planar));
-    ASSERT_TRUE(front->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420SemiPlanar));
+    ASSERT_TRUE(back->startCapture(CameraCapabilityEx{640, 480, {15, 1}}, kI420));
+    ASSERT_TRUE(front->startCapture(CameraCapability{320, 240, 30}, kNv12));
     EXPECT_TRUE(front->isCapturing());
-    EXPECT_FALSE(front->startCapture(CameraCapability{320, 240, 30}, PixelFormat::YUV420SemiPlanar));
+    EXPECT_FALSE(front->startCapture(CameraCapability{320, 240, 30}, kNv12));
     ASSERT_TRUE(frontFrames.waitFor(3) && front->takePicture());
     ASSERT_TRUE(frontFrames.waitFor(12) && backFrames.waitFor(4));
     ASSERT_TRUE(front->stopCapture() && back->stopCapture());
@@ -167,7 +174,7 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
 
     // Capturing again, in another mode; the last reference is dropped while capturing.
     back->setListener(&backFrames);
-    ASSERT_TRUE(back->startCapture(CameraCapability{320, 240, 60}, PixelFormat::YUV420Planar));
+    ASSERT_TRUE(back->startCapture(CameraCapability{320, 240, 60}, kI420));
     ASSERT_TRUE(backFrames.waitFor(backFrames.frameCount() + 2));
     back.reset();
     const size_t atRelease = backFrames.frameCount();
@@ -183,7 +190,7 @@ std::shared_ptr<Camera> startedCamera(Recorder& listener)
     auto camera = manager->openCamera("lumiflux-test:/test/0");
     EXPECT_NE(camera, nullptr);
     camera->setListener(&listener);
-    EXPECT_TRUE(camera->startCapture(CameraCapability{160, 120, 30}, PixelFormat::YUV420SemiPlanar));
+    EXPECT_TRUE(camera->startCapture(CameraCapability{160, 120, 30}, kNv12));
     return camera;
 }
 
@@ -203,7 +210,7 @@ TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
         {"stopCapture", None, [](Camera& c) { return c.stopCapture(); }, "stopCapture on "},
         {"startCapture", None,
          [](Camera& c) {
-             return c.startCapture(CameraCapability{160, 120, 30}, PixelFormat::YUV420Planar);
+             return c.startCapture({160, 120, {30, 1}}, kI420);
          },
          "startCapture on "},
         {"takePicture", None, [](Camera& c) { return c.takePicture(); }, nullptr},
@@ -221,8 +228,7 @@ TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
             // A working call on every frame, to overlap the stop below; anything else once.
             listener.inFrame = [&] {
                 Camera* camera = target;
-                if (!camera || listener.frameCount() < 3 || (calls > 0 && !entry.call) ||
-                    (calls > 0 && entry.errorLine))
+                if (!camera || listener.frameCount() < 3 || (calls > 0 && (!entry.call || entry.errorLine)))
                     return;
                 const bool result =
                     entry.release == InFrame ? (held.reset(), true) : !entry.call || entry.call(*camera);
@@ -248,11 +254,11 @@ TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
             }
         }
         const auto lines = lumiflux_test::syslogRecordsContaining(entry.errorLine ? entry.errorLine : " refused ");
-        ASSERT_EQ(lines.size(), entry.errorLine ? 1u : 0u) << "one error line per refused call";
-        if (entry.errorLine) {
-            EXPECT_EQ(lines[0].priority & 7, 3) << "LOG_ERR";
-            EXPECT_NE(lines[0].text.find("refused inside its own listener call"), std::string::npos) << lines[0].text;
-        }
+        ASSERT_EQ(lines.size(), entry.errorLine ? 1u : 0u) << "one error line (LOG_ERR) per refused call";
+        for (const auto& line : lines) // at LOG_ERR
+            EXPECT_TRUE((line.priority & 7) == 3 &&
+                        line.text.find("refused inside its own listener call") != std::string::npos)
+                << line.text;
         Recorder again;
         auto camera = startedCamera(again);
         EXPECT_TRUE(again.waitFor(3));
@@ -284,25 +290,23 @@ GstDevice* plugDevice(const char* path, const char* caps)
                                          "caps", parsed.get(), "properties", properties.get(), nullptr)));
 }
 
-// Registered before the plug-in's monitor starts; devices come and go only by device_add/remove.
-gboolean registerProvider(GstPlugin* plugin)
-{
-    const GType type = g_type_register_static_simple(
-        GST_TYPE_DEVICE_PROVIDER, "LumifluxTestPlugProvider", sizeof(GstDeviceProviderClass),
-        [](gpointer klass, gpointer) {
-            auto* providerClass = GST_DEVICE_PROVIDER_CLASS(klass);
-            providerClass->probe = [](GstDeviceProvider*) -> GList* { return nullptr; };
-            providerClass->start = [](GstDeviceProvider*) -> gboolean { return TRUE; };
-            gst_device_provider_class_set_static_metadata(providerClass, "Hot-plug test provider", "Video/Source",
-                                                          "Devices the test plugs in and out", "lumiflux tests");
-        },
-        sizeof(GstDeviceProvider), nullptr, GTypeFlags(0));
-    return gst_device_provider_register(plugin, "hotplugtestprovider", GST_RANK_PRIMARY, type);
-}
-
 TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
 {
     gst_init(nullptr, nullptr);
+    // Registered before the plug-in's monitor starts; devices come and go only by device_add/remove.
+    auto registerProvider = [](GstPlugin* plugin) -> gboolean {
+        const GType type = g_type_register_static_simple(
+            GST_TYPE_DEVICE_PROVIDER, "LumifluxTestPlugProvider", sizeof(GstDeviceProviderClass),
+            [](gpointer klass, gpointer) {
+                auto* providerClass = GST_DEVICE_PROVIDER_CLASS(klass);
+                providerClass->probe = [](GstDeviceProvider*) -> GList* { return nullptr; };
+                providerClass->start = [](GstDeviceProvider*) -> gboolean { return TRUE; };
+                gst_device_provider_class_set_static_metadata(providerClass, "Hot-plug test provider", "Video/Source",
+                                                              "Devices the test plugs in and out", "lumiflux tests");
+            },
+            sizeof(GstDeviceProvider), nullptr, GTypeFlags(0));
+        return gst_device_provider_register(plugin, "hotplugtestprovider", GST_RANK_PRIMARY, type);
+    };
     ASSERT_TRUE(gst_plugin_register_static(GST_VERSION_MAJOR, GST_VERSION_MINOR, "hotplugtest", "hot-plug test",
                                            registerProvider, "1.0", "LGPL", "tests", "lumiflux", "https://localhost/"));
     // A camera plugged in before the application starts: listed, never announced.
@@ -336,7 +340,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     ASSERT_TRUE(camera && camera->getInfo(info));
     EXPECT_EQ(info.name + (info.facing == CameraFacing::Back ? ", back" : ""), "USB test camera, back");
     camera->setListener(&listener);
-    ASSERT_TRUE(camera->startCapture(CameraCapability{160, 120, 30}, PixelFormat::YUV420SemiPlanar));
+    ASSERT_TRUE(camera->startCapture(CameraCapability{160, 120, 30}, kNv12));
     ASSERT_TRUE(listener.waitFor(3));
     {
         std::lock_guard<std::mutex> lock(listener.mutex);
@@ -360,12 +364,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
 // `lumiflux` with only the camera plug-in and `cameras` test cameras.
 std::string tool(const std::string& arguments, const std::string& cameras = "2")
 {
-    static const std::string dir = [] {
-        const std::string d = lumiflux_test::freshDirectory("camera-tools");
-        std::filesystem::create_symlink(lumiflux_test::buildDir() + "/plugins-out/lumiflux-gst-cameras.so",
-                                        d + "/lumiflux-gst-cameras.so");
-        return d;
-    }();
+    static const std::string dir = pluginDir("camera-tools");
     return "env LUMIFLUX_NO_SYSLOG=1 LUMIFLUX_TEST_CAMERAS=" + cameras + " LUMIFLUX_PLUGIN_DIR='" + dir +
            "' " LUMIFLUX_TOOL " " + arguments;
 }
@@ -406,10 +405,6 @@ TEST(CamerasTool, ListsCamerasAndCapturesAsAUserRunsIt)
     ASSERT_EQ(bytes.size(), 10u * 320 * 240 * 3 / 2);
     EXPECT_EQ(bytes.substr(0, 1) + bytes.substr(50, 1) + bytes.substr(320 * 240, 2), "\xEB\xD2\x80\x80");
 
-    ASSERT_EQ(lumiflux_test::runCommand(tool("capture 0 --frames 5 --format i420 2>&1"), &out), 0);
-    EXPECT_NE(out.find("capturing from lumiflux-test:/test/0: 640x480 @ 30 fps YUV420Planar"), std::string::npos)
-        << out;
-    EXPECT_NE(out.find("captured 5 frames of 640x480, measured "), std::string::npos) << out;
     EXPECT_EQ(lumiflux_test::runCommand(tool("capture no-such-camera 2>&1"), &out), 1);
     EXPECT_NE(out.find("NotFound: no camera 'no-such-camera'"), std::string::npos) << out;
     EXPECT_EQ(lumiflux_test::runCommand(tool("capture 0 --size 640by480 2>&1"), &out), 1);
