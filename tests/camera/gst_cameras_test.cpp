@@ -281,8 +281,8 @@ GstDevice* plugDevice(const char* path, const char* caps)
         },
         sizeof(GstDevice), nullptr, GTypeFlags(0));
     std::unique_ptr<GstStructure, void (*)(GstStructure*)> properties(
-        gst_structure_new("hotplug-properties", "device.api", G_TYPE_STRING, "hotplug", "device.path", G_TYPE_STRING,
-                          path, "camera.location", G_TYPE_STRING, "back", nullptr),
+        gst_structure_from_string(
+            ("p, device.api=hotplug, camera.location=back, device.path=" + std::string(path)).c_str(), nullptr),
         gst_structure_free);
     auto parsed = Internal::Ref<GstCaps>::adopt(gst_caps_from_string(caps));
     return GST_DEVICE(
