@@ -169,7 +169,6 @@ TEST(GstGraphicBufferTest, MapsEveryLayoutLikeGStreamer)
                       {view->width, view->height, view->timestamp, view->yStride, view->cStride, view->chromaStep}),
                   std::vector<U>({U(w), U(h), U(stamp), U(GST_VIDEO_FRAME_PLANE_STRIDE(&ref.frame, 0)),
                                   U(GST_VIDEO_FRAME_PLANE_STRIDE(&ref.frame, 1)), nv12 ? 2u : 1u}));
-        // Cb and Cr reached the way an application would: by step and stride.
         EXPECT_TRUE(samePlane(view->y, view->yStride, ref.frame, 0));
         EXPECT_TRUE(samePlane(view->cb, view->cStride, ref.frame, 1));
         EXPECT_TRUE(nv12 ? view->cr == view->cb + 1 : samePlane(view->cr, view->cStride, ref.frame, 2));
@@ -319,8 +318,8 @@ struct AppFrame {
     std::vector<Plane> planes;
 };
 
-// Both views show the application's bytes. Wrapping is zero copy and releases exactly once, after
-// the last holder (buffer or view); copying takes the bytes at once.
+// Both views show the application's bytes; wrapping is zero copy and releases once, after the last
+// holder; copying takes the bytes at once.
 TEST(GraphicBufferFromMemory, WrapReleasesOnceAfterTheLastHolderAndCopyDetaches)
 {
     for (const PixelFormat format : {PixelFormat::YUV420SemiPlanar, PixelFormat::YUV420Planar})

@@ -53,7 +53,6 @@ TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
         int priority;
         CameraCapability expected;
     } cases[] = {
-        // Width keeps the 1280s, height then 1280x720.
         {mixed, CameraCapabilityEx{1280, 720, {30, 1}}, 0, {1280, 720, 15}},
         {mixed, CameraCapabilityEx{1280, 720, {30, 1}}, 1, {1280, 720, 15}},
         {mixed, CameraCapabilityEx{1280, 720, {30, 1}}, 2, {1280, 960, 30}},
@@ -93,7 +92,7 @@ TEST(BaseCameraClosest, NarrowsByPriorityRoundsRatesAndBreaksTiesByListOrder)
     EXPECT_THROW(find(), std::runtime_error);
 }
 
-TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
+TEST(BaseCameraFormats, FormatAndModifierChecksRangesAndTheListenerSlot)
 {
     ScriptedCamera camera;
     const PixelFormat yuyv = fourcc('Y', 'U', 'Y', 'V');
@@ -116,11 +115,7 @@ TEST(BaseCameraFormats, FormatAndModifierChecksAndRanges)
     EXPECT_FALSE(camera.queryCapabilityRanges(kNv12, r));
     camera.modes = {{320, 240, 5}}, camera.queryFails = true;
     EXPECT_FALSE(camera.queryCapabilityRanges(kNv12, r));
-}
-
-TEST(CameraListenerSlots, SetListenerTakesEffectAndIsReentrantFromAListener)
-{
-    ScriptedCamera camera;
+    // setListener takes effect, also from inside a listener call.
     struct Reentrant : CameraListener {
         Camera* camera;
         int errors = 0;
@@ -164,7 +159,6 @@ void add(FixtureCameraState* plugin, const std::string& id, int facing)
     plugin->cameras.push_back({id, "camera " + id, "", facing, 90, "fixture"});
 }
 
-// `count` copies of the fixture module from a fresh plug-in directory, in the root's enumeration order.
 std::vector<FixtureCameraState*> loadFixtures(const std::string& name, int count)
 {
     const std::string dir = lumiflux_test::freshDirectory(name);
@@ -219,7 +213,6 @@ TEST(RootEnumeration, OrdersByFacingStablyUpToSixteenAndRoutesById)
               (std::vector<std::string>{"p1", "camera b-neg", "fixture", "90", "p1", "p0"}));
     EXPECT_FALSE(manager->getCameraInfo(static_cast<unsigned>(expected.size()), third));
 
-    // The duplicated id reaches the later plug-in: its camera has facing 0.
     auto camera = manager->openCamera("dup");
     ASSERT_TRUE(camera && camera->getInfo(first));
     EXPECT_EQ(first.provider, "p1");
@@ -235,8 +228,7 @@ TEST(RootEnumeration, OrdersByFacingStablyUpToSixteenAndRoutesById)
                                           found.width,
                                           static_cast<std::uint32_t>(manager->getSupportedFormats("c-front").size())}),
               (std::vector<std::uint32_t>{1, 100, 102, 101, 1}));
-    // Unknown ids, the camera of the plug-in whose init failed, an index that
-    // failed, and a camera its plug-in no longer opens (gone since the listing).
+    // Unknown ids, a camera of a plug-in whose init or index failed, one gone since the listing.
     const auto saved = plugins[0]->cameras;
     plugins[0]->cameras.erase(plugins[0]->cameras.begin() + 2); // a-back2
     for (const char* id : {"never", "b-skipped", "", "a-back2"}) {
@@ -245,12 +237,11 @@ TEST(RootEnumeration, OrdersByFacingStablyUpToSixteenAndRoutesById)
                      !manager->getSupportedFormats(id).empty() || manager->queryCapabilityRanges(id, nv12, ranges) ||
                      manager->findClosestCapability(id, nv12, CameraCapabilityEx{}, found, byWidth));
     }
-    // Every call re-enumerates; the list is stable when nothing changed.
     plugins[0]->cameras = saved;
     EXPECT_EQ(manager->getNumberOfCameras(), static_cast<int>(expected.size()));
     EXPECT_EQ(listed(manager), expected);
 
-    // A plug-in that throws while listed: the caller gets the exception, the lock is released.
+    // A plug-in that throws while listed: the caller gets the exception.
     plugins[1]->throwOnInfo = true;
     EXPECT_THROW(manager->getNumberOfCameras(), std::runtime_error);
     plugins[1]->throwOnInfo = false; // then it answers again: the root's lock was released

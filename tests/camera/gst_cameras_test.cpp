@@ -31,7 +31,6 @@ using namespace Tevara::Lumiflux;
 using namespace std::chrono_literals;
 constexpr PixelFormat kI420 = PixelFormat::YUV420Planar, kNv12 = PixelFormat::YUV420SemiPlanar;
 
-// A fresh plug-in directory holding only the camera plug-in.
 std::string pluginDir(const std::string& name)
 {
     const std::string dir = lumiflux_test::freshDirectory(name);
@@ -48,8 +47,7 @@ CameraManager* loadCameraPlugin(const std::string& name)
     return LumifluxManager();
 }
 
-// Records a camera's calls (keeping frames) and, as manager listener, hot-plug events with whether the
-// camera was listed at the call.
+// Records a camera's calls and, as manager listener, hot-plug events (" listed": listed at the call).
 struct Recorder : CameraListener, CameraManagerListener {
     void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override { record(frames, frame), run(inFrame); }
     void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override { record(pictures, picture); }
@@ -88,7 +86,6 @@ struct Recorder : CameraListener, CameraManagerListener {
     std::vector<std::string> errors, events;
 };
 
-// Sampled pixels of a solid-colour frame.
 void expectSolid(const std::shared_ptr<GraphicBuffer>& frame, int width, int chromaStep, int y, int cb, int cr)
 {
     auto view = frame ? frame->mapYCbCr() : nullptr;
@@ -255,7 +252,6 @@ TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
     }
 }
 
-// A device of black test pattern with the given path and caps.
 GstDevice* plugDevice(const char* path, const char* caps)
 {
     static const GType type = g_type_register_static_simple(
@@ -323,7 +319,6 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     EXPECT_EQ(modesOf(manager, "hotplug:/usb/1"), "160x120@1,5,10,15,20,24,25,30 320x240@1,5,10,15,20,24,25,30 "
                                                   "352x288@1,5,10,15,20,24,25,30 640x360@1,5,10,15,20,24,25,30 "
                                                   "640x480@1,5,10,15,20,24,25,30");
-    // The plugged camera works like any other.
     auto camera = manager->openCamera("hotplug:/usb/1");
     CameraInfo info;
     ASSERT_TRUE(camera && camera->getInfo(info));
@@ -350,7 +345,6 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     gst_object_unref(provider);
 }
 
-// `lumiflux` with only the camera plug-in and `cameras` test cameras.
 std::string tool(const std::string& arguments, const std::string& cameras = "2")
 {
     static const std::string dir = pluginDir("camera-tools");
@@ -362,8 +356,7 @@ TEST(CamerasTool, ListsCamerasAndCapturesAsAUserRunsIt)
 {
     std::string out;
     ASSERT_EQ(lumiflux_test::runCommand(tool("cameras 2>/dev/null", "3"), &out), 0);
-    // A [1/1, 60/1] rate range is offered as the rates people ask for, a list
-    // of rates as it is; no mode twice although three formats list the same sizes.
+    // A [1/1, 60/1] range offered as the rates people ask for, a list as it is; no mode twice.
     EXPECT_NE(out.find("0: lumiflux-test:/test/0  \"Test camera 0 (front)\"\n"
                        "    provider lumiflux-test, facing front, mount angle 270\n"
                        "    formats: YUV420SemiPlanar YUV420Planar\n"
