@@ -110,7 +110,7 @@ std::string modesOf(CameraManager* manager, const std::string& id)
     return text;
 }
 
-TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsRequestedModesAndDestroyingACapturingCamera)
+TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsAndRequestedModes)
 {
     CameraManager* manager = loadCameraPlugin("gst-capture");
     ASSERT_EQ(manager->getNumberOfCameras(), 2);
