@@ -1,21 +1,10 @@
-// GLib keeps its quark strings in one array and grows it by switching to a
-// bigger copy, never freeing the old array on purpose (lock-free readers may
-// still hold it). The first array is allocated by GLib's library constructor,
-// whose frames carry no symbols in the distribution's build, so no
-// LeakSanitizer suppression can name it, and every program that creates
-// more than 2048 quarks (any GStreamer pipeline does) would report it.
-//
-// This constructor runs after GLib's and before any test creates quarks:
-// it finds that first array while it is still GLib's current one (a live
-// heap block, referenced from GLib's writable data, holding our anchor
-// string at our anchor quark) and tells LeakSanitizer it is meant to live
-// for the whole process. It then makes GLib grow the array, with padding
-// quarks, to a size no program here outgrows, exempting each array while it
-// is current: the arrays GLib leaves behind on the way are the only ones it
-// would abandon. Nothing else is exempted.
-//
-// Compiled into every test program (an interface source of the test support
-// library), so that the linker cannot drop it.
+// GLib grows its quark array by switching to a bigger copy and never frees
+// the old one (lock-free readers may hold it). The first array comes from
+// GLib's library constructor, whose frames have no symbols here, so no
+// suppression can name it. This constructor finds each array while it is
+// GLib's current one (it holds our anchor string at our anchor quark), marks
+// it as meant to live, and grows the array up front so that no program here
+// makes GLib abandon another. Linked into every test program.
 
 #if defined(__SANITIZE_ADDRESS__)
 #define LUMIFLUX_TEST_LSAN 1
