@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <thread>
 #include <type_traits>
@@ -81,18 +82,6 @@ struct ForeignBuffer : Internal::BaseGraphicBuffer {
     std::shared_ptr<YCbCrFrame> mapYCbCr() override { return inner->mapYCbCr(); }
     std::shared_ptr<GraphicBuffer> inner;
 };
-
-double psnr(GraphicBuffer& decoded, int frame)
-{
-    auto view = decoded.mapYCbCr();
-    double squared = 0, samples = 0;
-    if (view)
-        walkPattern(*view, frame, [&](std::uint8_t sample, int expected) {
-            squared += (sample - expected) * (sample - expected);
-            ++samples;
-        });
-    return !view ? 0 : squared == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * samples / squared);
-}
 
 struct EncodedUnit {
     std::vector<std::uint8_t> bytes;
@@ -211,21 +200,6 @@ Encoded encodeAll(const std::string& id, int width, int height, const std::map<u
     return {collector.encoded, encoder->getParameter(profile)};
 }
 
-// Decodes `units`, given with their timestamps moved by `shift` microseconds.
-std::vector<std::shared_ptr<GraphicBuffer>> decodeAll(const std::string& id, const std::vector<EncodedUnit>& units,
-                                                      int width, int height, std::int64_t shift)
-{
-    Collector collector;
-    auto decoder = start(id, collector, VideoDecoderMetadata{{}, width, height});
-    if (!decoder)
-        return {};
-    for (const auto& unit : units)
-        EXPECT_TRUE(decoder->decode(unit.bytes.data(), unit.bytes.size(), unit.timestamp + shift));
-    EXPECT_TRUE(decoder->drain());
-    collector.expectCleanEos(id);
-    return collector.decoded;
-}
-
 TEST(GstCodecs, TheRegistryGivesEveryCodecHardwareFirstWithItsGeometryAndParameters)
 {
     CodecManager* manager = codecs();
@@ -320,27 +294,6 @@ TEST(GstCodecs, EncoderParametersAreValidatedAndChangeTheStream)
     }
 }
 
-// The units as a file ffprobe reads: IVF, or the byte stream itself for H.264 and H.265.
-std::string writeStream(const std::string& name, CodecType type, const std::vector<EncodedUnit>& units, int width,
-                        int height)
-{
-    const char* fourcc = lumiflux_tool::ivfFourcc(type);
-    const std::string path = lumiflux_test::freshDirectory("round-trip") + "/" + name + (fourcc ? ".ivf" : ".bin");
-    std::FILE* file = std::fopen(path.c_str(), "wb");
-    std::unique_ptr<lumiflux_tool::IvfWriter> ivf;
-    if (fourcc != nullptr)
-        ivf = std::make_unique<lumiflux_tool::IvfWriter>(file, fourcc, width, height, framerate);
-    for (const auto& unit : units)
-        if (ivf)
-            ivf->writeFrame(unit.bytes.data(), unit.bytes.size(), unit.timestamp);
-        else
-            std::fwrite(unit.bytes.data(), 1, unit.bytes.size(), file);
-    if (ivf)
-        ivf->finish();
-    std::fclose(file);
-    return path;
-}
-
 class GstCodecsRoundTrip : public ::testing::TestWithParam<CodecType> {};
 
 TEST_P(GstCodecsRoundTrip, EveryEncoderThroughEveryDecoderOfItsType)
@@ -360,8 +313,23 @@ TEST_P(GstCodecsRoundTrip, EveryEncoderThroughEveryDecoderOfItsType)
         EXPECT_TRUE(units.front().keyFrame);
         for (int i = 0; i < frameCount; ++i)
             EXPECT_EQ(units[i].timestamp, static_cast<std::int64_t>(i) * 1000000 / framerate);
-        EXPECT_EQ(lumiflux_test::probeVideo(writeStream(encoderInfo.id, type, units, width, height)),
-                  probed + "," + std::to_string(frameCount) + "\n");
+        // ffprobe reads IVF, or the byte stream itself for H.264 and H.265.
+        const char* fourcc = lumiflux_tool::ivfFourcc(type);
+        const std::string path =
+            lumiflux_test::freshDirectory("round-trip") + "/" + encoderInfo.id + (fourcc ? ".ivf" : ".bin");
+        std::FILE* file = std::fopen(path.c_str(), "wb");
+        std::optional<lumiflux_tool::IvfWriter> ivf;
+        if (fourcc)
+            ivf.emplace(file, fourcc, width, height, framerate);
+        for (const auto& unit : units)
+            if (ivf)
+                ivf->writeFrame(unit.bytes.data(), unit.bytes.size(), unit.timestamp);
+            else
+                std::fwrite(unit.bytes.data(), 1, unit.bytes.size(), file);
+        if (ivf)
+            ivf->finish();
+        std::fclose(file);
+        EXPECT_EQ(lumiflux_test::probeVideo(path), probed + "," + std::to_string(frameCount) + "\n");
         if (type == CodecType::H264) {
             std::vector<std::uint8_t> bytes;
             for (const auto& unit : units)
@@ -378,13 +346,25 @@ TEST_P(GstCodecsRoundTrip, EveryEncoderThroughEveryDecoderOfItsType)
         }
         for (const auto& decoderInfo : decoders) {
             SCOPED_TRACE(decoderInfo.id);
-            const auto frames = decodeAll(decoderInfo.id, units, width, height, shift);
+            Collector collector;
+            auto decoder = start(decoderInfo.id, collector, VideoDecoderMetadata{{}, width, height});
+            ASSERT_NE(decoder, nullptr);
+            for (const auto& unit : units)
+                EXPECT_TRUE(decoder->decode(unit.bytes.data(), unit.bytes.size(), unit.timestamp + shift));
+            EXPECT_TRUE(decoder->drain());
+            collector.expectCleanEos(decoderInfo.id);
+            const auto& frames = collector.decoded;
             ASSERT_EQ(frames.size(), static_cast<std::size_t>(frameCount));
-            double worst = 99;
+            double worst = 99; // PSNR against the pattern over all three planes
             for (int i = 0; i < frameCount; ++i) {
                 ASSERT_EQ(frames[i]->width * 10000 + frames[i]->height, width * 10000 + height);
                 EXPECT_EQ(frames[i]->timestamp, units[i].timestamp + shift);
-                worst = std::min(worst, psnr(*frames[i], i));
+                double squared = 0, samples = 0;
+                walkPattern(*frames[i]->mapYCbCr(), i, [&](std::uint8_t sample, int expected) {
+                    squared += (sample - expected) * (sample - expected);
+                    ++samples;
+                });
+                worst = std::min(worst, squared == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * samples / squared));
             }
             EXPECT_GE(worst, 30.0);
             EXPECT_NE(dynamic_cast<GstGraphicBuffer*>(frames.front().get()), nullptr) << "zero copy";
@@ -496,45 +476,40 @@ TEST(GstCodecs, RefusedFramesAndStreamsAreSaidSo)
     EXPECT_TRUE(collector.wait([&] { return !collector.errors.empty(); }));
 }
 
-// Inside the first frame's call, once the test has let go of its own
-// reference: removes itself as the listener, then drops the last reference.
-template <typename Codec> struct DroppingListener : Collector {
-    void onEncodedFrame(const EncodedFrame&) override { drop(); }
-    void onDecodedFrame(const std::shared_ptr<GraphicBuffer>&) override { drop(); }
-    void drop()
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        if (changed.wait_for(lock, 30s, [this] { return codec != nullptr; })) {
-            codec->lockAndSetListener(nullptr);
-            codec.reset();
-        }
-    }
-    std::shared_ptr<Codec> codec;
-};
-
-// Every instance of `id` is taken and fed; one is dropped inside its
-// listener, the others by the test while their frames are in flight. A hang
-// would block the whole run: past the time limit the process ends instead.
+// Every instance of `id` is taken and fed; the last is dropped inside its
+// listener's first call once the test let go of it, the others by the test
+// while their frames are in flight. A hang ends the process after 30 s.
 template <typename Metadata, typename Feed> void dropAll(const std::string& id, Metadata metadata, Feed feed)
 {
     SCOPED_TRACE(id);
+    using Codec = CodecOf<Metadata>;
+    struct Dropping : Collector {
+        void onEncodedFrame(const EncodedFrame&) override { drop(); }
+        void onDecodedFrame(const std::shared_ptr<GraphicBuffer>&) override { drop(); }
+        void drop()
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            if (changed.wait_for(lock, 30s, [this] { return codec != nullptr; })) {
+                codec->lockAndSetListener(nullptr);
+                codec.reset();
+            }
+        }
+        std::shared_ptr<Codec> codec;
+    } dropping;
     std::vector<Collector> collectors(16);
-    std::vector<std::shared_ptr<CodecOf<Metadata>>> others;
-    while (codecs()->isCodecIdAvailable(id) && others.size() < collectors.size())
-        others.push_back(start(id, collectors[others.size()], metadata));
+    std::vector<std::shared_ptr<Codec>> held;
+    while (codecs()->isCodecIdAvailable(id) && held.size() < collectors.size())
+        held.push_back(start(id, collectors[held.size()], metadata));
     ASSERT_FALSE(codecs()->isCodecIdAvailable(id));
-    ASSERT_GE(others.size(), 2u);
-    DroppingListener<CodecOf<Metadata>> listener;
-    auto last = std::move(others.back());
-    others.pop_back();
-    last->lockAndSetListener(&listener);
-    for (auto& codec : others)
-        feed(*codec, false);
-    feed(*last, true); // no more than its queue takes: its first frame's call waits for the hand-over
+    ASSERT_GE(held.size(), 2u);
+    held.back()->lockAndSetListener(&dropping);
+    for (std::size_t i = 0; i < held.size(); ++i)
+        feed(*held[i], i + 1 == held.size()); // the last no more than its queue takes
+    const std::size_t all = held.size();
     {
-        std::lock_guard<std::mutex> lock(listener.mutex);
-        listener.codec = std::move(last);
-        listener.changed.notify_all();
+        std::lock_guard<std::mutex> lock(dropping.mutex);
+        dropping.codec = std::move(held.back());
+        dropping.changed.notify_all();
     }
     for (auto deadline = std::chrono::steady_clock::now() + 30s; !codecs()->isCodecIdAvailable(id);) {
         if (std::chrono::steady_clock::now() > deadline) {
@@ -543,10 +518,9 @@ template <typename Metadata, typename Feed> void dropAll(const std::string& id, 
         }
         std::this_thread::sleep_for(10ms);
     }
-    const std::size_t all = others.size() + 1;
-    others.clear();
+    held.clear();
     for (std::size_t i = 0; i < all; ++i)
-        EXPECT_NE(others.emplace_back(create<Metadata>(id)), nullptr) << i;
+        EXPECT_NE(held.emplace_back(create<Metadata>(id)), nullptr) << i;
     EXPECT_FALSE(codecs()->isCodecIdAvailable(id)) << "every instance came back, and no more";
 }
 
