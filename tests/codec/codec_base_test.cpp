@@ -33,11 +33,6 @@ struct TestManager : lumiflux_test::TestCodecManager {
     }
 };
 
-std::size_t lines(const std::string& needle)
-{
-    return syslogRecordsContaining(needle).size();
-}
-
 TEST(CodecBase, InstancesAreCountedPerIdWithDebugLines)
 {
     TestManager manager({desc("one", CodecType::H264, true, 1), desc("zero", CodecType::VP8, true, 0),
@@ -63,12 +58,9 @@ TEST(CodecBase, InstancesAreCountedPerIdWithDebugLines)
                  manager.videoDecoderAvailable(CodecType::VP8, false));
     EXPECT_EQ(manager.createVideoDecoderById("negative"), nullptr);
     EXPECT_EQ(manager.createVideoEncoder(CodecType::VP8, false), nullptr);
-    // Releasing has no upper bound.
-    manager.releaseCodecId("one");
-    manager.releaseCodecId("one");
+    manager.releaseCodecId("one"); // releasing has no upper bound
     manager.releaseCodecId("unknown");
-    for (int i = 0; i < 3; ++i)
-        EXPECT_TRUE(manager.acquireCodecId("one")) << i;
+    EXPECT_TRUE(manager.acquireCodecId("one") && manager.acquireCodecId("one"));
     EXPECT_FALSE(manager.acquireCodecId("one") || manager.acquireCodecId("unknown"));
 }
 
@@ -83,10 +75,7 @@ TEST(CodecBase, ExtendedInfoNeedsAFreeEncoderAndTriesTwice)
     auto busy = manager.createVideoEncoderById("x");
     lumiflux_test::clearSyslog();
     EXPECT_EQ(manager.getVideoCodecExtendedInfo("x"), nullptr);
-    EXPECT_EQ(lines("codec x is not available"), 2u);
-    auto copy = busy->getExtendedInfo(); // independent of the instance
-    busy.reset();
-    EXPECT_EQ(copy->getSizeRange().max.width, 640);
+    EXPECT_EQ(syslogRecordsContaining("codec x is not available").size(), 2u);
 }
 
 TEST(CodecBase, SupportsBoundsTheAreaNotEachSide)
@@ -96,13 +85,14 @@ TEST(CodecBase, SupportsBoundsTheAreaNotEachSide)
                          desc("zero", CodecType::H264, true, 1, false, {{0, 0}, {64, 64}})});
     auto encoder = manager.createVideoEncoderById("e");
     auto decoder = manager.createVideoDecoderById("d");
-    // clang-format off
-    for (const auto& [width, height, stride, type, supported] : std::vector<std::tuple<int, int, int, CodecType, bool>>{
+    using Case = std::tuple<int, int, int, CodecType, bool>; // a frame is measured with its stride
+                                                             // clang-format off
+    for (const auto& [width, height, stride, type, supported] : std::vector<Case>{
              {2000, 1000, 0, CodecType::H264, true}, {1921, 1080, 0, CodecType::H264, false},
              {1920, 1080, 0, CodecType::H264, true}, {1920, 1080, 2048, CodecType::H264, false},
              {100, 100, 2048, CodecType::H264, true}, {15, 100, 0, CodecType::H264, false},
              {100, 15, 0, CodecType::H264, false}, {640, 480, 0, CodecType::VP8, false}}) {
-        // clang-format on
+                                                             // clang-format on
         EXPECT_EQ(encoder->supports({type, width, height, stride}), supported)
             << width << "x" << height << "/" << stride;
         EXPECT_TRUE(stride != 0 || decoder->supports({type, width, height}) == supported) << width << "x" << height;
@@ -126,7 +116,7 @@ TEST(CodecBase, SupportQueriesCreateAnInstanceAndWalkWithTheCallersId)
     for (const auto& [hw, tries] : {std::pair{false, 3u}, std::pair{true, 2u}}) {
         lumiflux_test::clearSyslog();
         EXPECT_FALSE(manager.videoEncoderSupports("sw", m, hw));
-        EXPECT_EQ(lines("codec sw is not available"), tries) << hw;
+        EXPECT_EQ(syslogRecordsContaining("codec sw is not available").size(), tries) << hw;
     }
 }
 

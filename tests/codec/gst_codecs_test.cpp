@@ -1,6 +1,4 @@
-// lumiflux-gst-codecs end to end: real GStreamer codecs and the stand-in
-// hardware ones of tests/fixtures, with ffprobe and the PSNR against a known
-// pattern as oracles.
+// lumiflux-gst-codecs over real GStreamer codecs and the stand-in hardware ones; ffprobe and PSNR as oracles.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -11,7 +9,6 @@
 #include <functional>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <thread>
 #include <type_traits>
 
@@ -38,9 +35,7 @@ constexpr const char* vaEncoder = "gst.vp8.lumifluxtestva.enc";
 constexpr unsigned bitRate = CodecParameter::BitRate, keyInterval = CodecParameter::KeyFrameInterval,
                    rateControl = CodecParameter::RateControl, profile = CodecParameter::Profile;
 
-// visit(sample, expected) for every sample of frame `frame`: gradients, a
-// brightness changing per frame and a moving square, so that a misplaced or
-// stale frame or row shows.
+// visit(sample, expected) over frame `frame`: gradients and a moving square show a misplaced or stale row.
 template <typename Visit> void walkPattern(const YCbCrFrame& view, int frame, Visit visit)
 {
     const int w = view.width, h = view.height, square = 48, shade = frame * 7 % 32;
@@ -147,7 +142,6 @@ std::vector<VideoCodecInfo> listed(bool encoder, CodecType type)
 template <typename Metadata>
 using CodecOf = std::conditional_t<std::is_same_v<Metadata, VideoEncoderMetadata>, VideoEncoder, VideoDecoder>;
 
-// A started codec of `id`, of its own type, reporting to `listener`; null (and a failure) when that fails.
 template <typename Metadata>
 std::shared_ptr<CodecOf<Metadata>> start(const std::string& id, Collector& listener, Metadata metadata,
                                          const std::map<unsigned, std::string>& parameters = {})
@@ -222,7 +216,6 @@ TEST(GstCodecs, TheRegistryGivesEveryCodecHardwareFirstWithItsGeometryAndParamet
     EXPECT_EQ(manager->createVideoEncoder(CodecType::H264, true)->getInfo().id, v4l2Encoder);
     EXPECT_EQ(manager->createVideoEncoder(CodecType::H265, true), nullptr);
     EXPECT_EQ(manager->createVideoDecoder(CodecType::VP8, true)->getInfo().id, "gst.vp8.lumifluxtestva.dec");
-    // Sizes and alignment from each element's caps.
     for (const auto& [id, min, max, alignment] : std::vector<std::tuple<std::string, int, int, int>>{
              {v4l2Encoder, 64, 1920, 16}, {"gst.h264.x264.enc", 16, 8192, 2}, {"gst.vp9.vpx.dec", 16, 16384, 2}}) {
         const auto e = manager->getVideoCodecExtendedInfo(id);
@@ -255,14 +248,12 @@ TEST(GstCodecs, EncoderParametersAreValidatedAndChangeTheStream)
         EXPECT_EQ(set.range(bitRate) + " " + set.range(keyInterval) + " " + set.range(profile),
                   "16000-100000000 1-3000 -");
         using Case = std::tuple<unsigned, std::string, bool>;
-        for (const auto& [id, value, accepted] :
-             std::vector<Case>{{bitRate, "0x100000", true},
-                               {bitRate, "15999", false},
-                               {keyInterval, "0", false},
-                               {rateControl, "no-such-mode", false},
-                               {rateControl, modes.substr(0, modes.find(',')), true},
-                               {profile, "high", false},
-                               {99, "1", false}})
+        // clang-format off
+        for (const auto& [id, value, accepted] : std::vector<Case>{
+                 {bitRate, "0x100000", true}, {bitRate, "15999", false}, {keyInterval, "0", false},
+                 {rateControl, "no-such-mode", false}, {rateControl, modes.substr(0, modes.find(',')), true},
+                 {profile, "high", false}, {99, "1", false}})
+            // clang-format on
             EXPECT_EQ(encoder->setParameter(id, value), accepted) << id << "=" << value;
         EXPECT_EQ(encoder->getParameter(bitRate), "0x100000");
     }
@@ -296,14 +287,12 @@ TEST_P(GstCodecsRoundTrip, EveryEncoderThroughEveryDecoderOfItsType)
     const std::string probed = type == CodecType::H265 ? "hevc" : lumiflux_tool::codecTypeName(type);
     for (const auto& encoderInfo : encoders) {
         SCOPED_TRACE(encoderInfo.id);
-        // About 0.27 bit per pixel at 30 frames per second.
         const auto encoded = encodeAll(encoderInfo.id, width, height, {{bitRate, std::to_string(width * height * 8)}});
         const auto& units = encoded.units;
         ASSERT_EQ(units.size(), static_cast<std::size_t>(frameCount));
         EXPECT_TRUE(units.front().keyFrame);
         for (int i = 0; i < frameCount; ++i)
             EXPECT_EQ(units[i].timestamp, static_cast<std::int64_t>(i) * 1000000 / framerate);
-        // ffprobe reads IVF, or the byte stream itself for H.264 and H.265.
         const char* fourcc = lumiflux_tool::ivfFourcc(type);
         const std::string path =
             lumiflux_test::freshDirectory("round-trip") + "/" + encoderInfo.id + (fourcc ? ".ivf" : ".bin");
@@ -369,8 +358,7 @@ INSTANTIATE_TEST_SUITE_P(Types, GstCodecsRoundTrip,
 
 TEST(GstCodecs, FramesOfEveryLayoutEncodeAsTheSamePictureInAGStreamerBuffer)
 {
-    // x264 is deterministic: the same pictures give the same stream, however
-    // the frames were laid out and whoever made them.
+    // x264 is deterministic: the same pictures give the same stream, whatever their layout and maker.
     const char* id = "gst.h264.x264.enc";
     for (PixelFormat format : {nv12, i420}) {
         const auto reference = encodeAll(id, 320, 240, {}, 10, format).units;
@@ -386,7 +374,6 @@ TEST(GstCodecs, FramesOfEveryLayoutEncodeAsTheSamePictureInAGStreamerBuffer)
             EXPECT_TRUE(encodeAll(id, 320, 240, {}, 10, format, source).units == reference);
         }
     }
-    // A key frame forced in the middle of a long interval.
     const auto units =
         encodeAll("gst.h264.openh264.enc", 320, 240, {{keyInterval, "1000"}}, frameCount, i420, {}, 30).units;
     ASSERT_EQ(units.size(), static_cast<std::size_t>(frameCount));
@@ -394,25 +381,8 @@ TEST(GstCodecs, FramesOfEveryLayoutEncodeAsTheSamePictureInAGStreamerBuffer)
     EXPECT_FALSE(units[29].keyFrame || units[31].keyFrame);
 }
 
-TEST(GstCodecs, UndecodableInputGivesAnErrorNotACrash)
+TEST(GstCodecs, InputThatGivesNoFrameIsAnError)
 {
-    // Noise with some start codes, so that parsers pass pieces on.
-    std::vector<std::uint8_t> garbage(20000);
-    std::mt19937 random(12345);
-    for (std::size_t i = 0; i < garbage.size(); ++i)
-        garbage[i] = i % 997 < 2 ? 0 : i % 997 == 2 ? 1 : static_cast<std::uint8_t>(random());
-    for (const auto& info : codecs()->listCodecs()) {
-        if (info.encoder)
-            continue;
-        SCOPED_TRACE(info.id);
-        Collector collector;
-        auto decoder = start(info.id, collector, VideoDecoderMetadata{{}, 320, 240});
-        ASSERT_NE(decoder, nullptr);
-        for (std::size_t offset = 0; offset < garbage.size(); offset += 2000)
-            decoder->decode(garbage.data() + offset, 2000, static_cast<std::int64_t>(offset) * 10);
-        decoder->drain();
-        EXPECT_TRUE(collector.wait([&] { return !collector.errors.empty(); })) << "no error reported";
-    }
     // Input the decoder drops without an error of its own: the decoder says
     // itself that nothing came out, counting the units of this run only.
     Collector collector;
@@ -455,8 +425,7 @@ TEST(GstCodecs, RefusedFramesAndStreamsAreSaidSo)
     metadata.width = 320;
     metadata.codecType = CodecType::VP8;
     EXPECT_FALSE(encoder->configure(metadata));
-    // A width the hardware does not take (it steps by 16) is refused by the
-    // element once the stream starts: the listener hears of it.
+    // A width the hardware does not take (steps of 16) is refused once the stream starts.
     Collector collector;
     auto hardware = start(v4l2Encoder, collector, VideoEncoderMetadata{{}, 328, 240});
     ASSERT_NE(hardware, nullptr);
