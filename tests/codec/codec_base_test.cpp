@@ -111,6 +111,7 @@ TEST(CodecBase, SupportQueriesCreateAnInstanceAndWalkWithTheCallersId)
     EXPECT_FALSE(manager.videoEncoderSupports("sw", m, true));
     EXPECT_FALSE(manager.videoEncoderSupports("", m, false));
     EXPECT_TRUE(manager.videoDecoderSupports("dec", {CodecType::H264, 640, 480}, false));
+    EXPECT_EQ(manager.createVideoDecoder(CodecType::H264, false)->getInfo().id, "dec") << "not the encoder";
     // Busy: one try by id, then one per qualifying entry, all with the caller's id.
     auto busy = manager.createVideoEncoderById("sw");
     for (const auto& [hw, tries] : {std::pair{false, 3u}, std::pair{true, 2u}}) {
