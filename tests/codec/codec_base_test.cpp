@@ -1,12 +1,10 @@
-// The codec plug-in base classes, in-process: instance accounting, the
-// searches by type and id, the geometry query and supports().
+// The codec base classes in-process: instance counts, searches, geometry, supports().
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <regex>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include <lumiflux/codec_base.h>
 #include <lumiflux/log.h>
@@ -27,24 +25,15 @@ VideoCodecDesc desc(const std::string& id, CodecType type, bool encoder, int max
 }
 
 struct TestManager : lumiflux_test::TestCodecManager {
-    explicit TestManager(const std::vector<VideoCodecDesc>& list) : TestCodecManager("", list) { init(); }
-};
-
-std::size_t lines(const std::string& needle)
-{
-    return syslogRecordsContaining(needle).size();
-}
-
-class CodecBase : public ::testing::Test {
-protected:
-    void SetUp() override
+    explicit TestManager(const std::vector<VideoCodecDesc>& list) : TestCodecManager("", list)
     {
         LogInit();
         lumiflux_test::clearSyslog();
+        init();
     }
 };
 
-TEST_F(CodecBase, InstancesAreCountedPerIdWithDebugLines)
+TEST(CodecBase, InstancesAreCountedPerIdWithDebugLines)
 {
     TestManager manager({desc("one", CodecType::H264, true, 1), desc("zero", CodecType::VP8, true, 0),
                          desc("negative", CodecType::VP8, false, -3)});
@@ -63,41 +52,19 @@ TEST_F(CodecBase, InstancesAreCountedPerIdWithDebugLines)
         ASSERT_FALSE(records.empty()) << needle;
         EXPECT_TRUE(std::regex_match(records[0].text, std::regex(pattern))) << records[0].text;
     }
-    // Zero or negative counts: listed, never available.
     EXPECT_EQ(manager.listCodecs().size(), 3u);
     EXPECT_FALSE(manager.isCodecIdAvailable("zero") || manager.isCodecIdAvailable("negative"));
     EXPECT_FALSE(manager.videoEncoderAvailable(CodecType::VP8, false) ||
                  manager.videoDecoderAvailable(CodecType::VP8, false));
     EXPECT_EQ(manager.createVideoDecoderById("negative"), nullptr);
     EXPECT_EQ(manager.createVideoEncoder(CodecType::VP8, false), nullptr);
-    // Releasing has no upper bound; unknown ids are ignored.
-    manager.releaseCodecId("one");
-    manager.releaseCodecId("one");
+    manager.releaseCodecId("one"); // releasing has no upper bound
     manager.releaseCodecId("unknown");
-    for (int i = 0; i < 3; ++i)
-        EXPECT_TRUE(manager.acquireCodecId("one")) << i;
+    EXPECT_TRUE(manager.acquireCodecId("one") && manager.acquireCodecId("one"));
     EXPECT_FALSE(manager.acquireCodecId("one") || manager.acquireCodecId("unknown"));
 }
 
-TEST_F(CodecBase, DuplicateIdKeepsTheFirstCountAndDescriptionAndIdsIgnoreDirection)
-{
-    TestManager manager({desc("twice", CodecType::H264, true, 1),
-                         desc("twice", CodecType::H265, true, 5, false, {{1, 1}, {64, 64}}, {8, 8}),
-                         desc("dec", CodecType::VP8, false, 1)});
-    ASSERT_EQ(manager.listCodecs().size(), 3u);
-    EXPECT_EQ(manager.listCodecs()[1].maxInstances, 5);
-    auto encoder = manager.createVideoEncoderById("twice");
-    ASSERT_NE(encoder, nullptr);
-    EXPECT_EQ(encoder->getInfo().type, CodecType::H264);
-    EXPECT_EQ(encoder->getExtendedInfo()->getAlignment().width, 2);
-    EXPECT_EQ(manager.createVideoEncoderById("twice"), nullptr) << "count of the first description";
-    // A decoder's id reaches the encoder factory; the walk by type does look at the direction.
-    EXPECT_FALSE(manager.createVideoEncoderById("dec")->getInfo().encoder);
-    EXPECT_EQ(manager.createVideoEncoder(CodecType::VP8, false), nullptr);
-    EXPECT_EQ(manager.createVideoDecoder(CodecType::VP8, false)->getInfo().id, "dec");
-}
-
-TEST_F(CodecBase, ExtendedInfoNeedsAFreeEncoderAndTriesTwice)
+TEST(CodecBase, ExtendedInfoNeedsAFreeEncoderAndTriesTwice)
 {
     TestManager manager({desc("x", CodecType::H264, true, 1, false, {{2, 4}, {640, 480}}, {16, 8})});
     auto geometry = manager.getVideoCodecExtendedInfo("x");
@@ -108,27 +75,24 @@ TEST_F(CodecBase, ExtendedInfoNeedsAFreeEncoderAndTriesTwice)
     auto busy = manager.createVideoEncoderById("x");
     lumiflux_test::clearSyslog();
     EXPECT_EQ(manager.getVideoCodecExtendedInfo("x"), nullptr);
-    EXPECT_EQ(lines("codec x is not available"), 2u);
-    auto copy = busy->getExtendedInfo(); // independent of the instance
-    busy.reset();
-    EXPECT_EQ(copy->getSizeRange().max.width, 640);
+    EXPECT_EQ(syslogRecordsContaining("codec x is not available").size(), 2u);
 }
 
-TEST_F(CodecBase, SupportsBoundsTheAreaNotEachSide)
+TEST(CodecBase, SupportsBoundsTheAreaNotEachSide)
 {
     TestManager manager({desc("e", CodecType::H264, true, 1), desc("d", CodecType::H264, false, 1),
                          desc("neg", CodecType::H264, true, 1, false, {{16, 16}, {1920, -1}}),
                          desc("zero", CodecType::H264, true, 1, false, {{0, 0}, {64, 64}})});
     auto encoder = manager.createVideoEncoderById("e");
     auto decoder = manager.createVideoDecoderById("d");
-    // {width, height, stride, type, supported}: a frame is measured with its stride.
-    // clang-format off
-    for (const auto& [width, height, stride, type, supported] : std::vector<std::tuple<int, int, int, CodecType, bool>>{
+    using Case = std::tuple<int, int, int, CodecType, bool>; // a frame is measured with its stride
+                                                             // clang-format off
+    for (const auto& [width, height, stride, type, supported] : std::vector<Case>{
              {2000, 1000, 0, CodecType::H264, true}, {1921, 1080, 0, CodecType::H264, false},
              {1920, 1080, 0, CodecType::H264, true}, {1920, 1080, 2048, CodecType::H264, false},
              {100, 100, 2048, CodecType::H264, true}, {15, 100, 0, CodecType::H264, false},
              {100, 15, 0, CodecType::H264, false}, {640, 480, 0, CodecType::VP8, false}}) {
-        // clang-format on
+                                                             // clang-format on
         EXPECT_EQ(encoder->supports({type, width, height, stride}), supported)
             << width << "x" << height << "/" << stride;
         EXPECT_TRUE(stride != 0 || decoder->supports({type, width, height}) == supported) << width << "x" << height;
@@ -138,7 +102,7 @@ TEST_F(CodecBase, SupportsBoundsTheAreaNotEachSide)
         << "zero is no negative bound";
 }
 
-TEST_F(CodecBase, SupportQueriesCreateAnInstanceAndWalkWithTheCallersId)
+TEST(CodecBase, SupportQueriesCreateAnInstanceAndWalkWithTheCallersId)
 {
     TestManager manager({desc("sw", CodecType::H264, true, 1), desc("hw", CodecType::VP8, true, 1, true),
                          desc("dec", CodecType::H264, false, 1)});
@@ -147,24 +111,24 @@ TEST_F(CodecBase, SupportQueriesCreateAnInstanceAndWalkWithTheCallersId)
     EXPECT_FALSE(manager.videoEncoderSupports("sw", m, true));
     EXPECT_FALSE(manager.videoEncoderSupports("", m, false));
     EXPECT_TRUE(manager.videoDecoderSupports("dec", {CodecType::H264, 640, 480}, false));
-    // While "sw" is busy: one try by id, then one per qualifying encoder
-    // entry, all with the caller's id, so all fail.
+    EXPECT_EQ(manager.createVideoDecoder(CodecType::H264, false)->getInfo().id, "dec") << "not the encoder";
+    // Busy: one try by id, then one per qualifying entry, all with the caller's id.
     auto busy = manager.createVideoEncoderById("sw");
     for (const auto& [hw, tries] : {std::pair{false, 3u}, std::pair{true, 2u}}) {
         lumiflux_test::clearSyslog();
         EXPECT_FALSE(manager.videoEncoderSupports("sw", m, hw));
-        EXPECT_EQ(lines("codec sw is not available"), tries) << hw;
+        EXPECT_EQ(syslogRecordsContaining("codec sw is not available").size(), tries) << hw;
     }
 }
 
-TEST_F(CodecBase, InstanceCountSurvivesContention)
+TEST(CodecBase, InstanceCountSurvivesContention)
 {
     constexpr int maxInstances = 3;
     TestManager manager({desc("busy", CodecType::H264, true, maxInstances)});
     std::atomic<int> live{0}, most{0}, created{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t)
-        threads.emplace_back([&] {
+    std::vector<std::thread> threads(8);
+    for (auto& thread : threads)
+        thread = std::thread([&] {
             for (int i = 0; i < 300; ++i)
                 if (auto encoder = manager.createVideoEncoder(CodecType::H264, false)) {
                     const int now = ++live;

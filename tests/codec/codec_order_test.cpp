@@ -1,14 +1,11 @@
-// The hand-written codec sort: the same result as this toolchain's std::sort
-// where the comparator is a strict weak order, and a permutation that stays
-// inside the array where it is not.
+// The hand-written codec sort: what std::sort gives where the order is a
+// strict weak one, a permutation that stays inside the array where it is not.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <memory>
 #include <numeric>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "codec/codec_order.h"
 
@@ -19,34 +16,18 @@ namespace {
 
 VideoCodecInfo codec(int index, int priority, bool hw)
 {
-    VideoCodecInfo info;
-    info.id = std::to_string(index);
-    info.priority = priority;
-    info.hw = hw;
-    return info;
+    return {{}, false, std::to_string(index), priority, 0, hw};
 }
 
 std::vector<std::string> ids(const VideoCodecInfo* first, const VideoCodecInfo* last)
 {
     std::vector<std::string> result;
-    for (; first != last; ++first)
-        result.push_back(first->id);
+    std::transform(first, last, std::back_inserter(result), [](const VideoCodecInfo& c) { return c.id; });
     return result;
 }
 
-// Sorted in a heap array of exactly the list's size, so that AddressSanitizer
-// sees any access past either end.
-std::vector<std::string> sortedByUs(const std::vector<VideoCodecInfo>& codecs)
-{
-    auto array = std::make_unique<VideoCodecInfo[]>(codecs.size());
-    std::copy(codecs.begin(), codecs.end(), array.get());
-    Tevara::Lumiflux::Internal::sortCodecs(array.get(), array.get() + codecs.size());
-    return ids(array.get(), array.get() + codecs.size());
-}
-
-// Values on which median-of-three quicksort degrades, so that the depth
-// budget runs out and the heap sort takes over: McIlroy's adversary, which
-// fixes values lazily while std::sort compares them.
+// Values on which median-of-three quicksort degrades, so that the heap sort
+// takes over: McIlroy's adversary, fixing values lazily while std::sort compares.
 std::vector<int> adversarialValues(int n)
 {
     std::vector<int> values(n, n), order(n);
@@ -69,9 +50,8 @@ std::vector<int> adversarialValues(int n)
 
 TEST(CodecOrder, SameAsStdSortWhereTheOrderIsConsistentAPermutationWhereNot)
 {
-    // Consistent: every hardware priority above every software one, few
-    // distinct priorities so that many elements tie; sorted, all equal and
-    // adversarial lists. Inconsistent (cyclic): software outranking hardware.
+    // Consistent: hardware priorities above software ones, many ties; sorted,
+    // equal and adversarial lists. Inconsistent: software outranking hardware.
     std::vector<std::pair<bool, std::vector<VideoCodecInfo>>> lists;
     std::mt19937 random(12345);
     for (int n : {0, 1, 2, 3, 5, 15, 16, 17, 18, 20, 31, 33, 64, 100, 257, 1000})
@@ -97,7 +77,11 @@ TEST(CodecOrder, SameAsStdSortWhereTheOrderIsConsistentAPermutationWhereNot)
             lists.emplace_back(true, *list);
     }
     for (auto& [consistent, list] : lists) {
-        auto ours = sortedByUs(list), expected = ids(list.data(), list.data() + list.size());
+        // In a heap array of exactly the list's size: AddressSanitizer sees any access past either end.
+        auto array = std::make_unique<VideoCodecInfo[]>(list.size());
+        std::copy(list.begin(), list.end(), array.get());
+        Tevara::Lumiflux::Internal::sortCodecs(array.get(), array.get() + list.size());
+        auto ours = ids(array.get(), array.get() + list.size()), expected = ids(list.data(), list.data() + list.size());
         if (consistent) {
             std::sort(list.begin(), list.end(), codecOrderLess);
             expected = ids(list.data(), list.data() + list.size());

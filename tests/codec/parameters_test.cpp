@@ -1,11 +1,8 @@
-// Codec parameters: numbers read as the C library reads them, ranges as text,
-// discrete and read-only parameters, and what the set owns.
+// Codec parameters: numbers read as scanf reads them, ranges, choices, read-only ones, the set.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include <lumiflux/parameters.h>
 
@@ -29,24 +26,19 @@ struct Choice : Parameter, DiscreteParameterMixin {
     bool validate(const std::string& value) const override { return DiscreteParameterMixin::validate(value); }
 };
 
-struct Shouting : ReadOnlyParameter { // which assign() does change() use?
+struct Shouting : ReadOnlyParameter {
     using ReadOnlyParameter::ReadOnlyParameter;
     void assign(const std::string&) override { text = "overridden"; }
 };
 
-struct Doubled : IntParameter {
-    using IntParameter::IntParameter;
-    std::string adjust(const std::string& value) const override { return value + value; }
-};
-
 TEST(Parameters, NumbersReadLikeScanfKeepTheTextAndStayInRange)
 {
-    // {text, accepted, value read}: a refused text changes nothing. A leading
-    // 0 is octal, so "08" reads as 0: the octal number ends at the 8.
+    // {text, accepted, value}: a refused text changes nothing; "08" is octal 0 ended by the 8.
     IntParameter i("10", 0, 100);
     EXPECT_EQ(i.value(), 10);
+    using Case = std::tuple<std::string, bool, int>;
     // clang-format off
-    for (const auto& [text, accepted, value] : std::vector<std::tuple<std::string, bool, int>>{
+    for (const auto& [text, accepted, value] : std::vector<Case>{
              {"50", true, 50}, {"101", false, 50}, {"-1", false, 50}, {"0x20", true, 32}, {"010", true, 8},
              {"08", true, 0}, {"abc", false, 0}, {"", false, 0}, {" 7", true, 7}, {"12abc", true, 12},
              {"+0X1f", true, 31}}) {
@@ -64,21 +56,15 @@ TEST(Parameters, NumbersReadLikeScanfKeepTheTextAndStayInRange)
     EXPECT_FLOAT_EQ(f.value(), 0.5f);
     float read = 0;
     EXPECT_TRUE(f.convert("nan", &read) && std::isnan(read)) << "nan is a number to scanf";
-    Doubled d("1", 0, 1000); // set() stores the adjusted text but converts the caller's
-    EXPECT_TRUE(d.set("5"));
-    EXPECT_EQ(d.get() + "/" + std::to_string(d.value()), "55/5");
 }
 
 TEST(Parameters, RangeTextsAndChoices)
 {
-    // clang-format off
-    for (const auto& [actual, expected] : std::vector<std::pair<std::string, std::string>>{
-             {IntParameter("0", 0, 100).range(), "0-100"}, {IntParameter("-7", -10, -5).range(), "-10--5"},
-             {FloatParameter("1", 0.5f, 2.0f).range(), "0.5-2"}, {FloatParameter("1", 0.0f, 1e6f).range(), "0-1e+06"},
-             {FloatParameter("1", -0.125f, 1234567.0f).range(), "-0.125-1.23457e+06"}, {Parameter("x").range(), "-"},
-             {ReadOnlyParameter("x").range(), "-"}, {Choice("l", {"low", "medium", "high"}).range(), "low,medium,high"}})
-        // clang-format on
-        EXPECT_EQ(actual, expected);
+    EXPECT_EQ(IntParameter("0", 0, 100).range() + " " + IntParameter("-7", -10, -5).range() + " " +
+                  FloatParameter("1", 0.5f, 2.0f).range() + " " + FloatParameter("1", 0.0f, 1e6f).range() + " " +
+                  FloatParameter("1", -0.125f, 1234567.0f).range() + " " + Parameter("x").range() +
+                  ReadOnlyParameter("x").range() + " " + Choice("l", {"low", "medium", "high"}).range(),
+              "0-100 -10--5 0.5-2 0-1e+06 -0.125-1.23457e+06 -- low,medium,high");
     Choice c("a", {"a", "b"});
     EXPECT_EQ(c.index("b"), 1u);
     EXPECT_EQ(c.index("c"), 2u) << "past the end when not allowed";
@@ -109,7 +95,6 @@ TEST(Parameters, ReadOnlyChangesOnlyThroughChangeAndTheSetOwnsWhatItKeeps)
         EXPECT_NE(set.find(1), refused);
         delete refused; // still ours
         EXPECT_EQ(set.ids(), (std::vector<unsigned>{1, 2, 3}));
-        // Replaces, not merges: the old ones are deleted.
         set.registerParameters({{7, new Counted("seven")}, {8, new Counted("eight")}});
         EXPECT_EQ(set.find(1), nullptr);
         EXPECT_EQ(set.get(7), "seven");

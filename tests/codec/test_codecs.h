@@ -1,5 +1,4 @@
-// Codec instances and a codec manager on the library's base classes, shared
-// by the base-class tests and the codec plug-in fixtures. Every instance has
+// Codecs and a codec manager on the library's base classes. Every instance has
 // a read-only parameter 100 holding the manager's tag; an id containing
 // "broken" has a factory that returns null.
 #pragma once
@@ -26,19 +25,13 @@ template <typename Base, typename Metadata> struct TestCodec : Base {
     bool setParameter(unsigned id, const std::string& value) override { return this->parameterSet.set(id, value); }
     std::string getParameter(unsigned id) const override { return this->parameterSet.get(id); }
     const Internal::ParameterSet& parameters() const override { return this->parameterSet; }
+    bool encode(const std::shared_ptr<GraphicBuffer>&, bool) { return false; }
+    int pendingFrames() const { return 0; }
+    bool decode(const std::uint8_t*, std::size_t, std::int64_t) { return false; }
+    bool drain() { return false; }
 };
-
-struct TestEncoder : TestCodec<Internal::BaseVideoEncoder, VideoEncoderMetadata> {
-    using TestCodec::TestCodec;
-    bool encode(const std::shared_ptr<GraphicBuffer>&, bool) override { return false; }
-    int pendingFrames() const override { return 0; }
-};
-
-struct TestDecoder : TestCodec<Internal::BaseVideoDecoder, VideoDecoderMetadata> {
-    using TestCodec::TestCodec;
-    bool decode(const std::uint8_t*, std::size_t, std::int64_t) override { return false; }
-    bool drain() override { return false; }
-};
+using TestEncoder = TestCodec<Internal::BaseVideoEncoder, VideoEncoderMetadata>;
+using TestDecoder = TestCodec<Internal::BaseVideoDecoder, VideoDecoderMetadata>;
 
 // Registers its codecs on init(), which fails when `works` is false.
 struct TestCodecManager : Internal::BaseCodecManager {
@@ -57,13 +50,13 @@ struct TestCodecManager : Internal::BaseCodecManager {
         return desc.getInfo().id.find("broken") != std::string::npos ? nullptr
                                                                      : std::make_shared<Codec>(this, desc, tag);
     }
-    std::shared_ptr<VideoEncoder> instantiateVideoEncoder(const Internal::VideoCodecDesc& desc) override
+    std::shared_ptr<VideoEncoder> instantiateVideoEncoder(const Internal::VideoCodecDesc& d) override
     {
-        return make<TestEncoder>(desc);
+        return make<TestEncoder>(d);
     }
-    std::shared_ptr<VideoDecoder> instantiateVideoDecoder(const Internal::VideoCodecDesc& desc) override
+    std::shared_ptr<VideoDecoder> instantiateVideoDecoder(const Internal::VideoCodecDesc& d) override
     {
-        return make<TestDecoder>(desc);
+        return make<TestDecoder>(d);
     }
     std::string tag;
     std::vector<Internal::VideoCodecDesc> codecs;
