@@ -44,7 +44,8 @@ Fields fields(GstElement* element, const char* property)
     Fields result;
     for (int i = 0; s && i < gst_structure_n_fields(s.get()); ++i) {
         const char* name = gst_structure_nth_field_name(s.get(), i);
-        result[name] = gst_structure_get_string(s.get(), name) ?: "<not a string>";
+        const char* text = gst_structure_get_string(s.get(), name);
+        result[name] = text ? text : "<not a string>";
     }
     EXPECT_TRUE(s && gst_structure_has_name(s.get(), property)) << property;
     return result;
