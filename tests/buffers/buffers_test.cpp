@@ -175,29 +175,6 @@ TEST(GstGraphicBufferTest, MapsEveryLayoutLikeGStreamer)
     }
 }
 
-struct PluginBuffer : Internal::BaseGraphicBuffer {};
-
-TEST(GstGraphicBufferTest, EmptyBuffersAndTheBaseImplementation)
-{
-    SourceFrame source = makeFrame(GST_VIDEO_FORMAT_I420, 64, 48);
-    GstVideoInfo info = source.info;
-    const int before = refCount(source.buffer.get());
-    GstGraphicBuffer noBuffer(nullptr, &info, false, 90), noInfo(source.buffer.get(), nullptr),
-        rotated(source.buffer.get(), &info, true, 270);
-    PluginBuffer base; // a plug-in's own buffer implementation: unrotated, nothing to map
-    for (GraphicBuffer* buffer : std::initializer_list<GraphicBuffer*>{&noBuffer, &noInfo, &base}) {
-        EXPECT_EQ(buffer->format, PixelFormat::Invalid);
-        EXPECT_EQ(std::vector<std::int64_t>({buffer->timestamp, buffer->width, buffer->height}),
-                  std::vector<std::int64_t>({-1, 0, 0}));
-        EXPECT_FALSE(buffer->mapFrame() || buffer->mapYCbCr() || buffer->map());
-    }
-    EXPECT_EQ(std::vector<int>({noBuffer.rotation(), rotated.rotation(), base.rotation()}),
-              std::vector<int>({90, 270, 0}));
-    EXPECT_EQ(rotated.buffer, source.buffer.get()) << "ordinary memory is shared even when a copy is allowed";
-    EXPECT_TRUE(gst_video_info_is_equal(&info, &source.info));
-    EXPECT_EQ(refCount(source.buffer.get()), before + 2);
-}
-
 const char* const kI420 = "video/x-raw,format=I420,width=320,height=240,framerate=30/1";
 
 Ref<GstCaps> parseCaps(const char* text)
@@ -226,7 +203,7 @@ TEST(GraphicBufferFactoryTest, AcceptsOnlyFixedRawVideoAndCreatesBuffersOfItsLay
     EXPECT_FALSE(factory->matches(nullptr));
 
     EXPECT_FALSE(GraphicBufferFactory::fromInfo(GstVideoInfo{})) << "no format information at all";
-    // create forwards its arguments; no buffer, or one of another layout than the caps: an empty buffer.
+    // create forwards its arguments, and shares ordinary memory even where a copy is allowed.
     SourceFrame source = makeFrame(GST_VIDEO_FORMAT_I420, 320, 240);
     {
         std::shared_ptr<GraphicBuffer> turned = factory->create(source.buffer.get(), true, 180),
@@ -234,16 +211,25 @@ TEST(GraphicBufferFactoryTest, AcceptsOnlyFixedRawVideoAndCreatesBuffersOfItsLay
         EXPECT_EQ(std::vector<int>({turned->rotation(), plain->rotation(), refCount(source.buffer.get())}),
                   std::vector<int>({180, 0, 3}));
         EXPECT_EQ(turned->format, PixelFormat::YCbCrFlexible);
+        EXPECT_EQ(static_cast<GstGraphicBuffer*>(turned.get())->buffer, source.buffer.get());
     }
     EXPECT_EQ(refCount(source.buffer.get()), 1) << "the factory keeps no buffer alive";
-    const SourceFrame others[] = {makeFrame(GST_VIDEO_FORMAT_NV12, 320, 240, 8),
-                                  makeFrame(GST_VIDEO_FORMAT_YUY2, 320, 240, 8)};
-    for (GstBuffer* wrong : {static_cast<GstBuffer*>(nullptr), others[0].buffer.get(), others[1].buffer.get()}) {
-        std::shared_ptr<GraphicBuffer> empty = factory->create(wrong);
-        ASSERT_TRUE(dynamic_cast<GstGraphicBuffer*>(empty.get()));
+    // Empty: no buffer, one of another layout than the caps, no information, a plug-in's own implementation.
+    const SourceFrame nv12 = makeFrame(GST_VIDEO_FORMAT_NV12, 320, 240, 8),
+                      yuy2 = makeFrame(GST_VIDEO_FORMAT_YUY2, 320, 240, 8);
+    const std::shared_ptr<GraphicBuffer> created[] = {
+        factory->create(nullptr, false, 90), factory->create(nv12.buffer.get()), factory->create(yuy2.buffer.get())};
+    GstGraphicBuffer noInfo(source.buffer.get(), nullptr);
+    struct PluginBuffer : Internal::BaseGraphicBuffer {
+    } base;
+    for (GraphicBuffer* empty : {created[0].get(), created[1].get(), created[2].get(),
+                                 static_cast<GraphicBuffer*>(&noInfo), static_cast<GraphicBuffer*>(&base)}) {
         EXPECT_EQ(empty->format, PixelFormat::Invalid);
-        EXPECT_FALSE(empty->mapFrame());
+        EXPECT_EQ(std::vector<std::int64_t>({empty->timestamp, empty->width, empty->height, empty->rotation()}),
+                  std::vector<std::int64_t>({-1, 0, 0, empty == created[0].get() ? 90 : 0}));
+        EXPECT_FALSE(empty->mapFrame() || empty->mapYCbCr() || empty->map());
     }
+    EXPECT_EQ(refCount(source.buffer.get()), 2) << "a buffer without information still holds its reference";
 }
 
 // Threads making buffers of their own padded layouts from one factory, and views of one shared buffer:

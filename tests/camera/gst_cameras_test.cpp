@@ -7,12 +7,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
-#include <sstream>
 #include <thread>
 
 #include <lumiflux/camera.h>
@@ -21,6 +19,7 @@
 #include <lumiflux/plugin.h>
 #include <nlohmann/json.hpp>
 
+#include "recorder.h"
 #include "syslog_capture.h"
 #include "test_paths.h"
 #include "watchdog.h"
@@ -48,7 +47,7 @@ CameraManager* loadCameraPlugin(const std::string& name)
 }
 
 // Records a camera's calls and, as manager listener, hot-plug events (" listed": listed at the call).
-struct Recorder : CameraListener, CameraManagerListener {
+struct Recorder : CameraListener, CameraManagerListener, lumiflux_test::Recorder {
     void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override { record(frames, frame), run(inFrame); }
     void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override { record(pictures, picture); }
     void onError(const std::string& message) override { record(errors, message); }
@@ -73,14 +72,11 @@ struct Recorder : CameraListener, CameraManagerListener {
     static void run(const std::function<void()>& hook) { hook ? hook() : void(); }
     bool waitFor(size_t count, const std::vector<std::string>* list = nullptr)
     {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, 20s, [&] { return (list ? list->size() : frames.size()) >= count; });
+        return lumiflux_test::Recorder::waitFor([&] { return (list ? list->size() : frames.size()) >= count; }, 20s);
     }
-    size_t frameCount() { return std::lock_guard<std::mutex>(mutex), frames.size(); }
+    size_t frameCount() { return snapshot(frames).size(); }
     CameraManager* manager = nullptr;
     std::function<void()> inFrame, inEnded; // run after the record, on the calling thread
-    std::mutex mutex;
-    std::condition_variable changed;
     std::vector<std::shared_ptr<GraphicBuffer>> frames, pictures;
     std::vector<std::thread::id> threads, ended; // threads: of every call, in order
     std::vector<std::string> errors, events;

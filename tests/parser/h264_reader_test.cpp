@@ -1,4 +1,4 @@
-// The readers, the parser and `lumiflux probe --units` on streams written field by field from the parser's records.
+// The readers and the parser on streams written field by field from the parser's records.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -177,7 +177,6 @@ TEST(H264Readers, UnitsErrorsSpsSizesAndDeliberateLimits)
         EXPECT_EQ(reader.readOffset() + static_cast<std::int64_t>(reader.currentNaluOffset()), -1);
         EXPECT_EQ(reader.errorName(reader.error()), error);
     }
-    EXPECT_EQ(H264Reader().errorName(static_cast<H264Reader::Error>(3)), "");
     SpsFields hd(100, 120, 68), field(77, 45, 18), cycle(66, 22, 18), planes(244, 80, 45), lists(100);
     hd.cropUnits = {0, 0, 0, 4}; // not applied
     field.frameMbsOnly = false;
@@ -217,14 +216,6 @@ std::unique_ptr<VideoStreamParser> parse(const Bytes& stream, VideoStreamParserS
     auto parser = std::make_unique<VideoStreamParser>(settings);
     parser->parse(stream.data(), stream.size());
     return parser;
-}
-
-std::string writeFile(const std::string& name, const Bytes& bytes)
-{
-    const std::string file = freshDirectory(name) + "/" + name + ".264";
-    std::ofstream(file, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return file;
 }
 
 std::string describe(const SpsFields& sps)
@@ -330,7 +321,9 @@ TEST(VideoStreamParserUnits, AccessUnitsKeyFramesByteRangesFailuresAndInputs)
     EXPECT_EQ(parse(annexB({sliceRbsp(1)}))->errorMessage(), "the stream holds no sequence parameter set");
     EXPECT_EQ(parse(forbidden)->errorMessage(), "NAL unit at offset 33 has its forbidden_zero_bit set");
     VideoStreamParser parser;
-    const std::string file = writeFile("stream-parser", body);
+    const std::string file = freshDirectory("stream-parser") + "/body.264";
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(body.data()), static_cast<std::streamsize>(body.size()));
     EXPECT_TRUE(parser.parseFile(file)) << parser.errorMessage();
     std::vector<std::uint64_t> counts(32);
     counts[5] = counts[7] = counts[8] = 1;
@@ -347,23 +340,5 @@ TEST(VideoStreamParserUnits, AccessUnitsKeyFramesByteRangesFailuresAndInputs)
     EXPECT_EQ(moved.codedWidth() * 1000 + moved.codedHeight(), 352288);
     EXPECT_EQ(kept.isValid() + kept.codedWidth(), 0); // NOLINT(bugprone-use-after-move): documented state
 }
-
-#ifdef LUMIFLUX_TOOL
-TEST(ProbeTool, ListsTheAccessUnitsTheParserFinds)
-{
-    Bytes stream = annexB({spsRbsp(SpsFields()), ppsRbsp(), sliceRbsp(5), sliceRbsp(1, 1, 2), seiRbsp(true)});
-    appendNal(stream, sliceRbsp(1, 2, 4), 3);
-    std::string text, expected;
-    const char* shapes[] = {"7,8,5, key frame\n", "1\n", "6,1, key frame\n"};
-    const auto units = parse(stream)->accessUnits();
-    for (std::size_t i = 0; i < units.size(); ++i)
-        expected += "  #" + std::to_string(i) + " offset " + std::to_string(units[i].offset) + ", " +
-                    std::to_string(units[i].size) + " bytes, NAL " + shapes[std::min<std::size_t>(i, 2)];
-    ASSERT_EQ(
-        runCommand("LUMIFLUX_NO_SYSLOG=1 " LUMIFLUX_TOOL " probe --units " + writeFile("probe-tool", stream), &text),
-        0);
-    EXPECT_NE(text.find(expected), std::string::npos) << text;
-}
-#endif
 
 } // namespace

@@ -1,7 +1,10 @@
-// HTTP headers on real GStreamer elements, tags as typed values, GStreamer errors in the player's terms.
+// HTTP headers and the HTTP log level on real GStreamer elements, tags as typed values.
 
+#include <cstdlib>
 #include <map>
+#include <regex>
 #include <string>
+#include <tuple>
 
 #include <gst/gst.h>
 #include <gtest/gtest.h>
@@ -9,7 +12,6 @@
 #include <lumiflux/gst_ref.h>
 #include <lumiflux/log.h>
 
-#include "player/error_mapping.h"
 #include "player/http_headers.h"
 #include "player/tag_list.h"
 #include "syslog_capture.h"
@@ -88,6 +90,24 @@ TEST_F(PlayerInternals, HttpHeadersBecomePropertiesOrExtraHeadersOrAreRefused)
     clearSyslog();
     Internal::updateHttpHeaders(demux.get(), {{"Authorization", "x"}});
     EXPECT_TRUE(syslogRecordsContaining("extraHeaders").empty());
+
+    // LUMIFLUX_HTTP_LOG_LEVEL, read at each source: 0 to 3 is set; above 3 as unsigned, negatives too, is refused.
+    const std::string setLine = "0[lumiflux-player] setupHttpLogLevel:N -- setting http-log-level to ",
+                      refusedLine = "2[lumiflux-player] setupHttpLogLevel:N -- invalid http-log-level value ";
+    for (auto [text, level, line] :
+         {std::tuple{"3", 3, setLine + "3\n"}, std::tuple{"4", 1, refusedLine + "4\n"},
+          std::tuple{"-1", 1, refusedLine + "-1\n"}, std::tuple{"text", 0, setLine + "0\n"}}) {
+        g_object_set(src.get(), "http-log-level", 1, nullptr);
+        setenv("LUMIFLUX_HTTP_LOG_LEVEL", text, 1);
+        clearSyslog();
+        Internal::setupHttpLogLevel(src.get());
+        int now = -1;
+        g_object_get(src.get(), "http-log-level", &now, nullptr);
+        std::string logged = std::to_string(now) + " ";
+        for (const auto& record : syslogRecords())
+            logged += std::regex_replace(record.text, std::regex(":[0-9]+ "), ":N ");
+        EXPECT_EQ(logged, std::to_string(level) + " " + line);
+    }
 }
 
 TEST_F(PlayerInternals, TagListBecomesTypedTagsWithDebugLines)
@@ -133,20 +153,6 @@ TEST_F(PlayerInternals, TagListBecomesTypedTagsWithDebugLines)
         const auto records = syslogRecordsContaining(std::string(" -- ") + line + "\n");
         ASSERT_EQ(records.size(), 1u) << line;
         EXPECT_EQ(records[0].text.rfind("0[lumiflux-player] processTag:", 0), 0u) << records[0].text;
-    }
-}
-
-// NotFound, ReadFailed, SeekFailed and StreamFailed come from real sources in the network and media tests.
-TEST_F(PlayerInternals, GStreamerErrorsMapToPlayerErrors)
-{
-    const std::tuple<GQuark, int, PlayerError> cases[] = {
-        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_BUSY, PlayerError::ResourceBusy},
-        {GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE, PlayerError::ResourceFailed},
-        {GST_CORE_ERROR, GST_CORE_ERROR_MISSING_PLUGIN, PlayerError::Unknown},
-        {GST_LIBRARY_ERROR, GST_LIBRARY_ERROR_INIT, PlayerError::Unknown}};
-    for (const auto& [domain, code, expected] : cases) {
-        g_autoptr(GError) error = g_error_new_literal(domain, code, "x");
-        EXPECT_EQ(Internal::playerErrorFromGError(error), expected) << g_quark_to_string(domain) << " " << code;
     }
 }
 

@@ -163,7 +163,6 @@ TEST(PlayerQueue, CoalescesMuteAndRateButNotSeeksAndDestructionDropsQueuedTasks)
 
 class PlayerMedia : public ::testing::Test, protected ListenedPlayer {
 protected:
-    // Selects `ids` and returns the next reported selection, sorted.
     std::vector<int> select(const std::vector<int>& ids)
     {
         const size_t before = listener.snapshot(listener.selections).size();
@@ -421,28 +420,19 @@ TEST(PlayerCallbacks, APlayerDestroyedInsideItsCallbackLetsGoAtOnce)
 // The sink given up is not in a call once setVideoSink returns, and is never called again.
 TEST(PlayerCallbacks, SetVideoSinkWaitsForTheFrameUnderWay)
 {
-    struct SlowSink : VideoSink {
-        void onFrame(const VideoFrame&, bool) override
-        {
-            inCall = true;
-            std::this_thread::sleep_for(300ms);
-            ++calls, inCall = false;
-        }
-        std::atomic<bool> inCall{false};
-        std::atomic<int> calls{0};
-    };
     Watchdog watchdog("setVideoSink during a frame", kCaseLimit);
-    SlowSink sink;
+    HookedListener sink;
+    std::atomic<bool> inCall{false};
+    sink.arm(OnFrame, [&] { inCall = true, std::this_thread::sleep_for(300ms), inCall = false; });
     ListenedPlayer session;
     session.player.setVideoSink(&sink), session.player.play(mediaUri("media.mkv")), session.player.pause();
-    while (!sink.inCall.load())
+    while (!inCall.load())
         std::this_thread::sleep_for(5ms);
     session.player.setVideoSink(nullptr);
-    EXPECT_FALSE(sink.inCall.load());
-    const int calls = sink.calls.load();
-    EXPECT_GE(calls, 1);
+    EXPECT_FALSE(inCall.load());
+    const int frames = sink.frames;
     std::this_thread::sleep_for(700ms);
-    EXPECT_EQ(sink.calls.load(), calls);
+    EXPECT_EQ(sink.frames.load(), frames);
 }
 
 // The audio path against a PulseAudio daemon of the test's own (null sink, private socket), read back with pactl.
@@ -481,8 +471,6 @@ TEST(PlayerPulse, StreamCarriesMediaRoleAndMutes)
     EXPECT_NE(out.find("Mute: no"), std::string::npos) << out;
     session.player.setMute(true);
     EXPECT_TRUE(pactl("list sink-inputs", "Mute: yes")) << out;
-    session.player.setMute(false);
-    EXPECT_TRUE(pactl("list sink-inputs", "Mute: no")) << out;
     EXPECT_TRUE(session.listener.snapshot(session.listener.errors).empty());
 }
 

@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 
 #include <lumiflux/player.h>
 
+#include "recorder.h"
 #include "test_paths.h"
 
 namespace lumiflux_test {
@@ -21,9 +20,8 @@ struct RecordedError {
     std::string message;
 };
 
-class RecordingListener : public PlayerListener {
+class RecordingListener : public PlayerListener, public Recorder {
 public:
-    static constexpr std::chrono::seconds kTimeout{30};
     void onMediaInfo(const MediaInfo& info) override { add(mediaInfos, info); }
     void onTracksSelected(const std::vector<int>& ids) override { add(selections, ids); }
     void onStateChanged(PlayerState, PlayerState to) override { add(states, to); }
@@ -37,12 +35,7 @@ public:
     }
     void onError(PlayerError error, const std::string& message) override { add(errors, RecordedError{error, message}); }
 
-    bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kTimeout)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, timeout, condition);
-    }
-    bool waitForState(PlayerState state, std::chrono::milliseconds timeout = kTimeout)
+    bool waitForState(PlayerState state, std::chrono::milliseconds timeout = std::chrono::seconds(30))
     {
         return waitFor([&] { return !states.empty() && states.back() == state; }, timeout);
     }
@@ -58,7 +51,6 @@ public:
         player.selectTracks({});
         return waitFor([&] { return errors.size() > before && errors.back().message == "Trying to select 0 streams"; });
     }
-    template <typename T> T snapshot(const T& field) { return std::lock_guard<std::mutex>(mutex), field; }
     void clear()
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -66,21 +58,11 @@ public:
         positions.clear(), positionStates.clear(), errors.clear();
     }
 
-    std::mutex mutex;
-    std::condition_variable changed;
     std::vector<MediaInfo> mediaInfos;
     std::vector<std::vector<int>> selections;
     std::vector<PlayerState> states, positionStates;
     std::vector<std::chrono::microseconds> durations, positions;
     std::vector<RecordedError> errors;
-
-private:
-    template <typename T, typename V> void add(std::vector<T>& list, V&& value)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        list.push_back(std::forward<V>(value));
-        changed.notify_all();
-    }
 };
 
 /** A player reporting to a RecordingListener for its whole life. */

@@ -17,13 +17,13 @@ prefix=$(cd "$pc_dir/../.." && pwd)
 [ -f "$prefix/include/lumiflux/lumiflux.h" ] || { echo "no headers under $prefix"; exit 1; }
 
 mkdir -p "$work/by-pkgconfig"
-g++ -std=c++17 -shared -fPIC -o "$work/by-pkgconfig/hello.so" "$src/hello_module.cpp" \
+g++ -std=c++17 -shared -fPIC -DFIXTURE_PRIORITY=42 -o "$work/by-pkgconfig/module.so" "$src/../../fixtures/valid_module.cpp" \
   $(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs lumiflux)
 
 cmake -S "$src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" > "$work/cmake.log"
 cmake --build "$work/cmake-build" > "$work/cmake-build.log"
 mkdir -p "$work/by-cmake"
-cp "$work/cmake-build/hello_module.so" "$work/by-cmake/"
+cp "$work/cmake-build/out_of_tree_module.so" "$work/by-cmake/"
 
 tool="$prefix/bin/lumiflux"
 for dir in "$work/by-pkgconfig" "$work/by-cmake"; do

@@ -1,10 +1,7 @@
-// GLib grows its quark array by switching to a bigger copy and never frees
-// the old one (lock-free readers may hold it). The first array comes from
-// GLib's library constructor, whose frames have no symbols here, so no
-// suppression can name it. This constructor finds each array while it is
-// GLib's current one (it holds our anchor string at our anchor quark), marks
-// it as meant to live, and grows the array up front so that no program here
-// makes GLib abandon another. Linked into every test program.
+// GLib grows its quark array into a bigger copy and never frees the old one, which lock-free readers may hold.
+// The first comes from GLib's library constructor, whose frames have no symbols here, so no suppression can name
+// it. This constructor finds each array while it is current (our anchor string at our anchor quark), marks it as
+// meant to live, and grows it up front so that no program here makes GLib abandon another. In every test program.
 
 #if defined(__SANITIZE_ADDRESS__)
 #define LUMIFLUX_TEST_LSAN 1
@@ -64,9 +61,7 @@ int scanGlibData(dl_phdr_info* info, size_t, void* data)
     return 0;
 }
 
-// Capacity, in quarks, that the arrays are grown to up front: a program that
-// loads every codec element of the registry makes more than 4096 quarks, and
-// each array GLib leaves behind on the way would be reported.
+// Up front: a program that loads every codec element of the registry makes more than 4096 quarks.
 constexpr std::size_t kQuarksReserved = 16384;
 
 __attribute__((constructor)) void exemptQuarkArrays()
@@ -81,8 +76,7 @@ __attribute__((constructor)) void exemptQuarkArrays()
         const std::size_t capacity = __sanitizer_get_allocated_size(search.found) / sizeof(char*);
         if (capacity >= kQuarksReserved)
             return;
-        // Fill the current array; the quark after it makes GLib switch to a
-        // bigger one, which the next round exempts while it is current.
+        // Fill the current array: the next quark makes GLib switch to a bigger one, exempted in the next round.
         GQuark last = 0;
         while (last < capacity) {
             char text[48];

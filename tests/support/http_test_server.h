@@ -94,7 +94,8 @@ public:
                            : ext == ".ts"  ? "video/mp2t"
                            : ext == ".mkv" ? "video/x-matroska"
                                            : "application/octet-stream";
-        locked(), resources[path] = {bytes.str(), type};
+        std::lock_guard<std::mutex> lock(mutex);
+        resources[path] = {bytes.str(), type};
     }
     /** Serves every regular file under `directory` at `prefix` + its name. */
     void serveDirectory(const std::string& prefix, const std::string& directory)
@@ -106,10 +107,19 @@ public:
     /** Requests for paths that start with `prefix` misbehave; Redirect goes to `target`. */
     void setFault(const std::string& prefix, HttpFault fault, const std::string& target = "")
     {
-        locked(), faults[prefix] = {fault, target};
+        std::lock_guard<std::mutex> lock(mutex);
+        faults[prefix] = {fault, target};
     }
-    void clearFaults() { locked(), faults.clear(); }
-    void clearRequests() { locked(), received.clear(); }
+    void clearFaults()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        faults.clear();
+    }
+    void clearRequests()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        received.clear();
+    }
     std::vector<HttpRequest> requestsFor(const std::string& path) const
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -129,7 +139,6 @@ public:
     }
 
 private:
-    std::unique_lock<std::mutex> locked() const { return std::unique_lock<std::mutex>(mutex); }
     void respond(SoupServerMessage* msg, const std::string& path)
     {
         HttpRequest request{path, {}};

@@ -76,13 +76,4 @@ void syslog(int priority, const char* format, ...)
     va_end(args);
 }
 
-// The fortified spelling, in case a build turns _FORTIFY_SOURCE on.
-void __syslog_chk(int priority, int, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    lumiflux_test::record(priority, format, args);
-    va_end(args);
-}
-
 } // extern "C"

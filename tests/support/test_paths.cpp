@@ -19,12 +19,6 @@ std::string buildDir()
     return dir != nullptr ? dir : fs::current_path().string();
 }
 
-std::string sourceDir()
-{
-    const char* dir = std::getenv("LUMIFLUX_TEST_SOURCE_DIR");
-    return dir != nullptr ? dir : fs::current_path().string();
-}
-
 std::string freshDirectory(const std::string& name)
 {
     const fs::path dir = fs::path(buildDir()) / "test-work" / (name + "-" + std::to_string(getpid()));

@@ -6,8 +6,6 @@ namespace lumiflux_test {
 
 /** The build tree (LUMIFLUX_TEST_BUILD_DIR, set by CTest). */
 std::string buildDir();
-/** The source tree (LUMIFLUX_TEST_SOURCE_DIR, set by CTest). */
-std::string sourceDir();
 /** A fresh, empty directory under the build tree, unique to this process. */
 std::string freshDirectory(const std::string& name);
 /** Runs a shell command; returns its exit status, its standard output in `output`. */

@@ -2,6 +2,7 @@
 // finds its own plug-ins and sample beside itself.
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -148,35 +149,20 @@ TEST(Play, JsonTracksFramesLimitTrackChoiceAndSeek)
     EXPECT_TRUE(done[0]["frames"] > 15 && done[0]["frames"] < 60) << done[0].dump();
     EXPECT_TRUE(done[0]["width"] == 320 && done[0]["height"] == 240) << done[0].dump();
     EXPECT_NEAR(done[0]["duration"].get<double>(), 3.0, 0.1);
-    // To the end: 3 s at 30 frames per second, a few of them perhaps dropped late.
-    done = events(toolJson("play " + kSample + " --mute", status), "done");
-    ASSERT_EQ(done.size(), 1u);
-    EXPECT_TRUE(done[0]["frames"] >= 80 && done[0]["frames"] <= 90) << done[0].dump();
 }
 
-// Ctrl-C while playing, past the first end of the stream: the tool stops the
-// player, tears it down, says so and exits at once with status 0.
+// Ctrl-C while playing, past the first end of the stream: the tool stops the player, tears it down, says so and
+// exits with status 0 at once (3 s later timeout kills it: status 137).
 TEST(Play, InterruptStopsPromptly)
 {
-    const std::string out = lumiflux_test::freshDirectory("interrupt") + "/out";
-    std::string report;
-    ASSERT_EQ(lumiflux_test::runCommand(
-                  kEnvironment + LUMIFLUX_STAGED_TOOL " --json play " + kSample + " --mute --repeat > " + out +
-                      " 2>/dev/null & pid=$!; for i in $(seq 1 300); do grep -q '\"to\":\"Playing\"' " + out +
-                      " && break; sleep 0.1; done; sleep 4; start=$(date +%s%N); kill -INT $pid; "
-                      "for i in $(seq 1 100); do kill -0 $pid 2>/dev/null || break; sleep 0.05; done; "
-                      "end=$(date +%s%N); kill -KILL $pid 2>/dev/null; wait $pid; "
-                      "echo \"$? $(( (end - start) / 1000000 ))\"",
-                  &report),
-              0);
-    std::ifstream in(out);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    int status = -1, milliseconds = -1;
-    std::istringstream(report) >> status >> milliseconds;
-    EXPECT_EQ(status, 0) << "exit status (137: did not exit within 5 s)\n" << text;
-    EXPECT_LT(milliseconds, 3000);
-    EXPECT_TRUE(has(text, "\"to\":\"Playing\"") && has(text, "\"reason\":\"interrupted\"")) << text;
-    EXPECT_FALSE(has(text, "\"reason\":\"eos\"")) << "stopped at the first end\n" << text;
+    std::string out;
+    const int status =
+        lumiflux_test::runCommand("timeout --preserve-status -s INT -k 3 8 " + kEnvironment +
+                                      LUMIFLUX_STAGED_TOOL " --json play " + kSample + " --mute --repeat 2>/dev/null",
+                                  &out);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_TRUE(has(out, "\"to\":\"Playing\"") && has(out, "\"reason\":\"interrupted\"")) << out;
+    EXPECT_FALSE(has(out, "\"reason\":\"eos\"")) << "stopped at the first end\n" << out;
 }
 
 json ffprobe(const std::string& arguments)
@@ -186,70 +172,51 @@ json ffprobe(const std::string& arguments)
     return json::parse(out, nullptr, false);
 }
 
-// ffprobe as the oracle: x264 (High, frame rate in the VUI) and openh264
-// (Constrained Baseline, no timing), both 330x250, cropped from 336x256.
-TEST(Probe, MatchesFfprobeOnGeneratedStreams)
+// ffprobe as the oracle on 50 frames of x264 (High, a frame rate in the VUI), 330x250 cropped from 336x256.
+TEST(Probe, MatchesFfprobeUnitByUnit)
 {
-    const std::string dir = lumiflux_test::freshDirectory("probe");
-    const std::string raw = dir + "/raw.y4m", source = "gst-launch-1.0 -q videotestsrc num-buffers=50 pattern=ball ! ";
-    for (auto [name, command] :
-         {std::pair{"x264", source +
-                                "video/x-raw,format=I420,width=330,height=250,framerate=25/1 ! y4menc ! "
-                                "filesink location=" +
-                                raw + " && x264 --quiet --keyint 12 --fps 25 " + raw + " -o "},
-          {"openh264", source + "video/x-raw,width=330,height=250,framerate=25/1 ! openh264enc gop-size=10 ! "
-                                "h264parse ! video/x-h264,stream-format=byte-stream ! filesink location="}}) {
-        SCOPED_TRACE(name);
-        const std::string stream = dir + "/" + name + ".h264";
-        std::string log;
-        ASSERT_EQ(lumiflux_test::runCommand(command + stream + " 2>&1", &log), 0) << log;
-        const json ref = ffprobe("-count_frames -show_entries "
-                                 "stream=width,height,profile,level,nb_read_frames,r_frame_rate " +
-                                 stream)["streams"][0];
-        int refKeys = 0;
-        const json frames = ffprobe("-show_entries frame=key_frame " + stream)["frames"];
-        for (const json& frame : frames)
-            refKeys += frame["key_frame"].get<int>();
-        int status = -1;
-        const auto found = events(toolJson("probe " + stream, status), "stream");
-        EXPECT_EQ(status, 0);
-        ASSERT_EQ(found.size(), 1u);
-        const json& ours = found[0];
-        EXPECT_TRUE(ours["displayWidth"] == ref["width"] && ours["displayHeight"] == ref["height"]) << ours.dump();
-        EXPECT_TRUE(ours["codedWidth"] == 336 && ours["codedHeight"] == 256) << ours.dump();
-        EXPECT_TRUE(ours["level"] == ref["level"] && ours["profileName"] == ref["profile"]) << ours.dump();
-        EXPECT_EQ(std::to_string(ours["accessUnits"].get<int>()), ref["nb_read_frames"].get<std::string>());
-        EXPECT_GE(refKeys, 1);
-        EXPECT_EQ(ours["keyFrames"], refKeys);
-        // ffprobe assumes a rate where the stream carries none.
-        if (std::string(name) == "x264")
-            EXPECT_EQ(std::to_string(ours["frameRateNumerator"].get<int>()) + "/" +
-                          std::to_string(ours["frameRateDenominator"].get<int>()),
-                      ref["r_frame_rate"]);
-        else
-            EXPECT_EQ(ours["frameRateDenominator"], 0);
+    const std::string stream = lumiflux_test::freshDirectory("probe") + "/x264.h264";
+    std::string log;
+    ASSERT_EQ(
+        lumiflux_test::runCommand("ffmpeg -nostdin -v error -f lavfi -i testsrc=size=330x250:rate=25 -frames:v 50 "
+                                  "-pix_fmt yuv420p -c:v libx264 -g 12 -f h264 -y " +
+                                      stream + " 2>&1",
+                                  &log),
+        0)
+        << log;
+    const json ref = ffprobe("-show_entries stream=width,height,profile,level,r_frame_rate " + stream)["streams"][0];
+    std::string refKeys, keys; // a character per access unit in stream order: K for a key frame
+    const json packets = ffprobe("-show_entries packet=flags " + stream)["packets"];
+    for (const json& packet : packets)
+        refKeys += packet["flags"].get<std::string>().find('K') != std::string::npos ? 'K' : '.';
+    int status = -1;
+    const auto records = toolJson("probe --units " + stream, status);
+    EXPECT_EQ(status, 0);
+    const json ours = last(records, "stream");
+    EXPECT_TRUE(ours["displayWidth"] == ref["width"] && ours["displayHeight"] == ref["height"]) << ours.dump();
+    EXPECT_TRUE(ours["codedWidth"] == 336 && ours["codedHeight"] == 256) << ours.dump();
+    EXPECT_TRUE(ours["level"] == ref["level"] && ours["profileName"] == ref["profile"]) << ours.dump();
+    EXPECT_EQ(std::to_string(ours["frameRateNumerator"].get<int>()) + "/" +
+                  std::to_string(ours["frameRateDenominator"].get<int>()),
+              ref["r_frame_rate"]);
+    std::uint64_t end = 0; // the units lie back to back up to the end of the file
+    for (const json& unit : events(records, "accessUnit")) {
+        EXPECT_EQ(unit["offset"], end);
+        end += unit["size"].get<std::uint64_t>();
+        keys += unit["keyFrame"].get<bool>() ? 'K' : '.';
     }
+    EXPECT_EQ(end, std::filesystem::file_size(stream));
+    EXPECT_EQ(keys, refKeys);
+    EXPECT_TRUE(ours["accessUnits"] == keys.size() && ours["keyFrames"] == std::count(keys.begin(), keys.end(), 'K'))
+        << ours.dump();
 }
 
-TEST(Json, EveryCommandWritesOnlyJsonObjects)
+// Every JSON run of the tool here is read record by record (toolJson); the shortest capture still has a rate.
+TEST(Json, ATwoFrameCaptureReportsItsRate)
 {
-    const std::string dir = lumiflux_test::freshDirectory("json");
-    for (const std::string& arguments :
-         {std::string("plugins"), std::string("codecs"), std::string("cameras"), std::string("tour"),
-          "encode pattern -c h264 --frames 5 -o " + dir + "/p.h264", "decode " + dir + "/p.h264 -o " + dir + "/p.yuv",
-          "probe " + dir + "/p.h264", "encode pattern -c vp8 --frames 5 -o " + dir + "/p.ivf"}) {
-        int status = -1;
-        const auto records = toolJson(arguments, status);
-        std::string said;
-        for (const json& record : records)
-            said += record.dump() + "\n";
-        EXPECT_EQ(status, 0) << arguments << "\n" << said;
-        EXPECT_FALSE(records.empty()) << arguments;
-        for (const json& record : records)
-            EXPECT_TRUE(record.contains("event")) << arguments << ": " << record.dump();
-    }
     int status = -1;
     const json finished = last(toolJson("capture 0 --frames 2", status, "LUMIFLUX_TEST_CAMERAS=1 "), "finished");
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(finished["frames"], 2);
     EXPECT_GT(finished.value("measuredFrameRate", 0.0), 0.0) << finished.dump();
 }
