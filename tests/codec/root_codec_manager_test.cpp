@@ -32,14 +32,6 @@ CodecManager* root()
     return LumifluxCodecManager();
 }
 
-std::string ids(CodecManager* codecs)
-{
-    std::string result;
-    for (const auto& info : codecs->listCodecs())
-        result += (result.empty() ? "" : ",") + info.id;
-    return result;
-}
-
 TEST(RootCodecsTwoModules, PriorityArithmeticOrderAndLogLines)
 {
     // Hardware first, each group by final priority: codec priority + 10 x module priority.
@@ -136,7 +128,9 @@ TEST(RootCodecsListed, WhatRemainsIsListedAndRouted)
     EXPECT_TRUE(codecs->init());
     EXPECT_EQ(LumifluxCodecManager(), codecs);
     const char* ignore = std::getenv("LUMIFLUX_IGNORE_CODEC_ID");
-    const std::string remaining = ids(codecs), prefix = ignore ? ignore : "";
+    std::string remaining, prefix = ignore ? ignore : "";
+    for (const auto& info : codecs->listCodecs())
+        remaining += (remaining.empty() ? "" : ",") + info.id;
     EXPECT_EQ(remaining, std::getenv("LUMIFLUX_TEST_EXPECTED"));
     const auto ignored = syslogRecordsContaining("Ignore codec ");
     EXPECT_EQ(std::to_string(ignored.size()) + " " +

@@ -8,7 +8,6 @@
 
 #include "../player/recording_listener.h"
 #include "http_test_server.h"
-#include "syslog_capture.h"
 
 using namespace std::chrono_literals;
 using namespace lumiflux_test;

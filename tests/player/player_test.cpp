@@ -23,11 +23,6 @@ using namespace lumiflux_test;
 
 namespace {
 
-double seconds(std::chrono::microseconds t)
-{
-    return std::chrono::duration<double>(t).count();
-}
-
 class PlayerPlayback : public ::testing::Test, protected ListenedPlayer {};
 
 TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
@@ -68,7 +63,7 @@ TEST_F(PlayerPlayback, StatesPositionsSeeksSettingsAndGetters)
     ASSERT_FALSE(durations.empty());
     EXPECT_EQ(std::adjacent_find(durations.begin(), durations.end()), durations.end());
     for (auto d : durations)
-        EXPECT_NEAR(seconds(d), 3.0, 0.15);
+        EXPECT_NEAR(std::chrono::duration<double>(d).count(), 3.0, 0.15);
 
     // Paused after the end: no positions, and the getters say what the callbacks said.
     player.seek(0us), player.play();
@@ -288,7 +283,7 @@ TEST(PlayerFrames, FdUriPlaysWithoutDiscoveryAndFramesOutliveThePlayer)
         clearSyslog();
         ASSERT_TRUE(session.playsToEnd("fd://" + std::to_string(fd)));
         EXPECT_EQ(player.getMediaInfo().tracks().size(), 4u);
-        EXPECT_NEAR(seconds(player.getDuration()), 3.0, 0.15);
+        EXPECT_NEAR(std::chrono::duration<double>(player.getDuration()).count(), 3.0, 0.15);
         EXPECT_TRUE(syslogRecordsContaining("Starting async src discovery:").empty());
         EXPECT_FALSE(syslogRecordsContaining("uri: fd://").empty()) << "debug lines are captured in this scenario";
         player.reset();
