@@ -211,7 +211,7 @@ TEST(GraphicBufferFactoryTest, AcceptsOnlyFixedRawVideoAndCreatesBuffersOfItsLay
         EXPECT_EQ(std::vector<int>({turned->rotation(), plain->rotation(), refCount(source.buffer.get())}),
                   std::vector<int>({180, 0, 3}));
         EXPECT_EQ(turned->format, PixelFormat::YCbCrFlexible);
-        EXPECT_EQ(static_cast<GstGraphicBuffer*>(turned.get())->buffer, source.buffer.get());
+        EXPECT_EQ(dynamic_cast<GstGraphicBuffer&>(*turned).buffer, source.buffer.get());
     }
     EXPECT_EQ(refCount(source.buffer.get()), 1) << "the factory keeps no buffer alive";
     // Empty: no buffer, one of another layout than the caps, no information, a plug-in's own implementation.

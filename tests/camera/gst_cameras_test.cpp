@@ -47,7 +47,7 @@ CameraManager* loadCameraPlugin(const std::string& name)
 }
 
 // Records a camera's calls and, as manager listener, hot-plug events (" listed": listed at the call).
-struct Recorder : CameraListener, CameraManagerListener, lumiflux_test::Recorder {
+struct CameraRecorder : CameraListener, CameraManagerListener, lumiflux_test::Recorder {
     void onFrame(const std::shared_ptr<GraphicBuffer>& frame) override { record(frames, frame), run(inFrame); }
     void onPictureTaken(const std::shared_ptr<GraphicBuffer>& picture) override { record(pictures, picture); }
     void onError(const std::string& message) override { record(errors, message); }
@@ -70,9 +70,9 @@ struct Recorder : CameraListener, CameraManagerListener, lumiflux_test::Recorder
         changed.notify_all();
     }
     static void run(const std::function<void()>& hook) { hook ? hook() : void(); }
-    bool waitFor(size_t count, const std::vector<std::string>* list = nullptr)
+    bool waitForCount(size_t count, const std::vector<std::string>* list = nullptr)
     {
-        return lumiflux_test::Recorder::waitFor([&] { return (list ? list->size() : frames.size()) >= count; }, 20s);
+        return waitFor([&] { return (list ? list->size() : frames.size()) >= count; }, 20s);
     }
     size_t frameCount() { return snapshot(frames).size(); }
     CameraManager* manager = nullptr;
@@ -117,7 +117,7 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsAndRequestedModes)
     ASSERT_TRUE(manager->getCameraInfo(1, info));
     auto back = manager->openCamera(info.id);
     ASSERT_TRUE(front && back);
-    Recorder frontFrames, backFrames;
+    CameraRecorder frontFrames, backFrames;
     front->setListener(&frontFrames);
     back->setListener(&backFrames);
     std::string pattern, speed;
@@ -137,8 +137,8 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsAndRequestedModes)
     ASSERT_TRUE(front->startCapture(CameraCapability{320, 240, 30}, kNv12));
     EXPECT_TRUE(front->isCapturing());
     EXPECT_FALSE(front->startCapture(CameraCapability{320, 240, 30}, kNv12));
-    ASSERT_TRUE(frontFrames.waitFor(3) && front->takePicture());
-    ASSERT_TRUE(frontFrames.waitFor(12) && backFrames.waitFor(4));
+    ASSERT_TRUE(frontFrames.waitForCount(3) && front->takePicture());
+    ASSERT_TRUE(frontFrames.waitForCount(12) && backFrames.waitForCount(4));
     ASSERT_TRUE(front->stopCapture() && back->stopCapture());
     EXPECT_FALSE(front->isCapturing());
     EXPECT_EQ(backFrames.frames.size(), 4u);
@@ -165,7 +165,7 @@ TEST(GstCamerasCapture, TwoCamerasAtOnceKnownPatternsAndRequestedModes)
 }
 
 // The scenario's one test camera, capturing into `listener` (hooks set before the streaming thread starts).
-std::shared_ptr<Camera> startedCamera(Recorder& listener)
+std::shared_ptr<Camera> startedCamera(CameraRecorder& listener)
 {
     static CameraManager* manager = loadCameraPlugin("gst-teardown");
     EXPECT_EQ(manager->getNumberOfCameras(), 1);
@@ -202,7 +202,7 @@ TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
         lumiflux_test::clearSyslog();
         {
             lumiflux_test::Watchdog watchdog(entry.name, 30s);
-            Recorder listener;
+            CameraRecorder listener;
             std::shared_ptr<Camera> held;
             std::atomic<Camera*> target{nullptr}; // set once startCapture has returned
             std::promise<bool> firstResult;
@@ -229,7 +229,7 @@ TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
                 std::this_thread::sleep_for(200ms);
                 EXPECT_EQ(listener.frameCount(), atRelease) << "no callback after the last reference went";
             } else {
-                ASSERT_TRUE(entry.errorLine || listener.waitFor(6));
+                ASSERT_TRUE(entry.errorLine || listener.waitForCount(6));
                 entry.release == InEnded ? void() : camera->setListener(nullptr);
                 EXPECT_TRUE(camera->stopCapture()) << "survives a release inside it";
                 EXPECT_EQ(held == nullptr, entry.release == InEnded);
@@ -241,9 +241,9 @@ TEST(GstCamerasTeardown, ReleasesAndCallsFromInsideListenerCalls)
             EXPECT_TRUE((line.priority & 7) == 3 &&
                         line.text.find("refused inside its own listener call") != std::string::npos)
                 << line.text;
-        Recorder again;
+        CameraRecorder again;
         auto camera = startedCamera(again);
-        EXPECT_TRUE(again.waitFor(3));
+        EXPECT_TRUE(again.waitForCount(3));
         EXPECT_TRUE(camera->stopCapture());
     }
 }
@@ -298,7 +298,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     CameraManager* manager = loadCameraPlugin("gst-hotplug");
     const int before = manager->getNumberOfCameras();
     EXPECT_EQ(modesOf(manager, "hotplug:/usb/0"), "320x240@15");
-    Recorder listener;
+    CameraRecorder listener;
     listener.manager = manager;
     manager->setListener(&listener);
 
@@ -308,7 +308,7 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     std::thread plugging([&] { gst_device_provider_device_add(provider, device); });
     const std::thread::id pluggingThread = plugging.get_id();
     plugging.join();
-    ASSERT_TRUE(listener.waitFor(1, &listener.events));
+    ASSERT_TRUE(listener.waitForCount(1, &listener.events));
     EXPECT_EQ(listener.events, std::vector<std::string>{"added hotplug:/usb/1 listed"});
     EXPECT_EQ(listener.threads[0], pluggingThread);
     EXPECT_EQ(manager->getNumberOfCameras(), before + 1);
@@ -321,14 +321,14 @@ TEST(GstCamerasHotPlug, DevicesPluggedAtRunTimeReachTheApplicationListener)
     EXPECT_EQ(info.name + (info.facing == CameraFacing::Back ? ", back" : ""), "USB test camera, back");
     camera->setListener(&listener);
     ASSERT_TRUE(camera->startCapture(CameraCapability{160, 120, 30}, kNv12));
-    ASSERT_TRUE(listener.waitFor(3));
+    ASSERT_TRUE(listener.waitForCount(3));
     {
         std::lock_guard<std::mutex> lock(listener.mutex);
         expectSolid(listener.frames.back(), 160, 2, 16, 128, 128);
     }
     // Unplugged while capturing: the list drops it before the application hears.
     std::thread([&] { gst_device_provider_device_remove(provider, device); }).join();
-    ASSERT_TRUE(listener.waitFor(2, &listener.events));
+    ASSERT_TRUE(listener.waitForCount(2, &listener.events));
     EXPECT_EQ(listener.events[1], "removed hotplug:/usb/1");
     EXPECT_EQ(manager->openCamera("hotplug:/usb/1"), nullptr);
     EXPECT_EQ(manager->getNumberOfCameras(), before);

@@ -36,7 +36,9 @@ TEST(CodecTool, ListsCodecsHardwareFirstWithParameters)
     std::vector<nlohmann::json> list;
     ASSERT_EQ(tool("codecs --json", &out, &list), 0) << out;
     ASSERT_GE(list.size(), 10u) << out;
-    EXPECT_EQ(list.front()["hw"], true) << "the stand-in hardware codecs come first";
+    EXPECT_TRUE(list.front()["hw"] == true &&
+                std::is_partitioned(list.begin(), list.end(), [](const auto& c) { return c["hw"] == true; }))
+        << "the stand-in hardware codecs first";
     const auto openh264 =
         std::find_if(list.begin(), list.end(), [](const auto& c) { return c["id"] == "gst.h264.openh264.enc"; });
     ASSERT_NE(openh264, list.end());

@@ -22,6 +22,7 @@
 #include "recorder.h"
 #include "syslog_capture.h"
 #include "test_paths.h"
+#include "watchdog.h"
 
 using namespace Tevara::Lumiflux;
 using namespace std::chrono_literals;
@@ -436,6 +437,7 @@ TEST(GstCodecs, InstancesComeBackWhenDroppedMidStreamOrInsideTheirListener)
     const std::string id = "gst.h264.avdec.dec";
     const auto units = encodeAll("gst.h264.openh264.enc", 320, 240, {{bitRate, "500000"}}, 20).units;
     ASSERT_EQ(units.size(), 20u);
+    lumiflux_test::Watchdog watchdog("decoders dropped mid-stream and inside their listener", 120s);
     Dropping dropping;
     std::vector<Collector> collectors(16);
     std::vector<std::shared_ptr<VideoDecoder>> held; // no size given: the decoders learn it from the stream

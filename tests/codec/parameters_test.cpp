@@ -62,9 +62,9 @@ TEST(Parameters, RangeTextsAndChoices)
 {
     EXPECT_EQ(IntParameter("0", 0, 100).range() + " " + IntParameter("-7", -10, -5).range() + " " +
                   FloatParameter("1", 0.5f, 2.0f).range() + " " + FloatParameter("1", 0.0f, 1e6f).range() + " " +
-                  FloatParameter("1", -0.125f, 1234567.0f).range() + " " + Parameter("x").range() +
+                  FloatParameter("1", -0.125f, 1234567.0f).range() + " " + Parameter("x").range() + " " +
                   ReadOnlyParameter("x").range() + " " + Choice("l", {"low", "medium", "high"}).range(),
-              "0-100 -10--5 0.5-2 0-1e+06 -0.125-1.23457e+06 -- low,medium,high");
+              "0-100 -10--5 0.5-2 0-1e+06 -0.125-1.23457e+06 - - low,medium,high");
     Choice c("a", {"a", "b"});
     EXPECT_EQ(c.index("b"), 1u);
     EXPECT_EQ(c.index("c"), 2u) << "past the end when not allowed";

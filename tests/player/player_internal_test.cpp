@@ -53,7 +53,7 @@ Fields fields(GstElement* element, const char* property)
     return result;
 }
 
-TEST_F(PlayerInternals, HttpHeadersBecomePropertiesOrExtraHeadersOrAreRefused)
+TEST_F(PlayerInternals, HttpSourceTakesHeadersAsPropertiesOrExtraHeadersAndTheLogLevelOrRefusesThem)
 {
     auto src = make("souphttpsrc");
     ASSERT_TRUE(src);
@@ -108,6 +108,7 @@ TEST_F(PlayerInternals, HttpHeadersBecomePropertiesOrExtraHeadersOrAreRefused)
             logged += std::regex_replace(record.text, std::regex(":[0-9]+ "), ":N ");
         EXPECT_EQ(logged, std::to_string(level) + " " + line);
     }
+    unsetenv("LUMIFLUX_HTTP_LOG_LEVEL");
 }
 
 TEST_F(PlayerInternals, TagListBecomesTypedTagsWithDebugLines)

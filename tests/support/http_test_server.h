@@ -81,7 +81,6 @@ public:
         g_main_context_unref(context);
     }
     std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port) + path; }
-    /** Serves a file's content (read now) at `path`. */
     void serveFile(const std::string& path, const std::string& file)
     {
         std::ifstream in(file, std::ios::binary);
@@ -97,7 +96,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         resources[path] = {bytes.str(), type};
     }
-    /** Serves every regular file under `directory` at `prefix` + its name. */
     void serveDirectory(const std::string& prefix, const std::string& directory)
     {
         for (const auto& entry : std::filesystem::directory_iterator(directory))

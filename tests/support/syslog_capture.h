@@ -19,7 +19,6 @@ struct OpenlogCall {
 std::vector<SyslogRecord> syslogRecords();
 std::vector<OpenlogCall> openlogCalls();
 void clearSyslog();
-/** Records whose text contains `needle`. */
 std::vector<SyslogRecord> syslogRecordsContaining(const std::string& needle);
 
 } // namespace lumiflux_test

@@ -110,8 +110,8 @@ TEST(Play, JsonTracksFramesLimitTrackChoiceAndSeek)
     const auto media = events(records, "mediaInfo");
     ASSERT_FALSE(media.empty());
     std::multiset<std::string> types;
-    int german = -1, video = -1; // a stream's language may come in a later track list
-    for (const json& track : media.back()["tracks"]) {
+    int german = -1, video = -1;
+    for (const json& track : media.back()["tracks"]) { // the last list: a language may come only in a later one
         types.insert(track["type"].get<std::string>());
         german = track["language"] == "de" ? track["id"].get<int>() : german;
         video = track["type"] == "Video" ? track["id"].get<int>() : video;
@@ -144,7 +144,7 @@ TEST(Play, InterruptStopsPromptly)
 {
     std::string out;
     const int status =
-        lumiflux_test::runCommand("timeout --preserve-status -s INT -k 3 8 " + kEnvironment +
+        lumiflux_test::runCommand("timeout --preserve-status -s INT -k 3 10 " + kEnvironment +
                                       LUMIFLUX_STAGED_TOOL " --json play " + kSample + " --mute --repeat 2>/dev/null",
                                   &out);
     EXPECT_EQ(status, 0) << out;
