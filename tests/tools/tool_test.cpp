@@ -136,6 +136,10 @@ TEST(Play, JsonTracksFramesLimitTrackChoiceAndSeek)
     EXPECT_TRUE(done[0]["frames"] > 15 && done[0]["frames"] < 60) << done[0].dump();
     EXPECT_TRUE(done[0]["width"] == 320 && done[0]["height"] == 240) << done[0].dump();
     EXPECT_NEAR(done[0]["duration"].get<double>(), 3.0, 0.1);
+    // To the end at rate 1 (a rate change shows the current frame again): at most the file's 90 frames.
+    done = events(toolJson("play " + kSample + " --mute", status), "done");
+    ASSERT_EQ(done.size(), 1u);
+    EXPECT_TRUE(done[0]["frames"] >= 80 && done[0]["frames"] <= 90) << done[0].dump();
 }
 
 // Ctrl-C while playing, past the first end of the stream: the tool stops the player, tears it down, says so and
