@@ -148,7 +148,7 @@ TEST(Play, InterruptStopsPromptly)
 {
     std::string out;
     const int status =
-        lumiflux_test::runCommand("timeout --preserve-status -s INT -k 3 10 " + kEnvironment +
+        lumiflux_test::runCommand("timeout --preserve-status -s INT -k 3 6 " + kEnvironment +
                                       LUMIFLUX_STAGED_TOOL " --json play " + kSample + " --mute --repeat 2>/dev/null",
                                   &out);
     EXPECT_EQ(status, 0) << out;
